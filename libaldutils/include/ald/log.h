@@ -1,0 +1,76 @@
+#pragma once
+// Log lines: a threshold, a line sink, and the printf-style statement form.
+#include <ald/string_view.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+
+namespace ald {
+namespace log {
+
+enum class level : int { error = 0, warning = 1, info = 2 };
+
+// The threshold: a line of level L is produced only when current_level >= L
+// (signed). Starts at 2; the daemon framework sets it from --log-level.
+extern int current_level;
+
+// The line sink: writes one line to standard error with a single write(2),
+// the level's name in front ("error: ", "warning: ", "info: "), then `line`
+// unchanged, then "\n". `channel` is reserved and should be 0. Never fails in
+// a way the caller sees.
+void print(std::uint32_t channel, level lvl, basic_string_view<char> line);
+
+namespace detail {
+
+// One type-erased argument of a log statement, so that the formatting engine
+// is instantiated once in the library rather than at every call site.
+struct arg {
+    enum class kind : unsigned char { sint, slong, uint, ulong, floating, c_string, text };
+    kind k;
+    union {
+        int i;
+        long long ll;
+        unsigned u;
+        unsigned long long ull;
+        double d;
+        const char* s;
+    };
+    std::uint32_t n = 0;  // length of a text
+
+    arg(int v) noexcept : k(kind::sint), i(v) {}
+    arg(long v) noexcept : k(kind::slong), ll(v) {}
+    arg(long long v) noexcept : k(kind::slong), ll(v) {}
+    arg(unsigned v) noexcept : k(kind::uint), u(v) {}
+    arg(unsigned long v) noexcept : k(kind::ulong), ull(v) {}
+    arg(unsigned long long v) noexcept : k(kind::ulong), ull(v) {}
+    arg(double v) noexcept : k(kind::floating), d(v) {}
+    arg(const char* v) noexcept : k(kind::c_string), s(v) {}
+    arg(basic_string_view<char> v) noexcept : k(kind::text), s(v.data), n(v.length) {}
+    arg(const std::string& v) noexcept : k(kind::text), s(v.data()), n(static_cast<std::uint32_t>(v.size())) {}
+};
+
+// Builds "[file:line][func()]: " and the message into one memstream and
+// hands it to the sink. The format is read as a C string up to its NUL.
+void vprint(std::uint32_t channel, level lvl, basic_string_view<char> file, int line,
+            basic_string_view<char> func, basic_string_view<char> format, const arg* args,
+            std::size_t count);
+
+}  // namespace detail
+
+// The statement form: nothing is built or formatted when the threshold
+// filters the line out; otherwise exactly one sink call. printf rules: %d
+// with integers, %s with C strings and string views (a view is written as its
+// length of characters, cut to the precision when one is given); a literal
+// percent sign is written "%%" even when there are no arguments.
+template <class... Args>
+inline void print(std::uint32_t channel, level lvl, basic_string_view<char> file, int line,
+                  basic_string_view<char> func, basic_string_view<char> format, const Args&... args) {
+    if (current_level < static_cast<int>(lvl)) return;
+    const detail::arg erased[sizeof...(Args) + 1] = {detail::arg(args)..., detail::arg(0)};
+    detail::vprint(channel, lvl, file, line, func, format, erased, sizeof...(Args));
+}
+
+}  // namespace log
+}  // namespace ald

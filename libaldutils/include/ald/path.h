@@ -1,0 +1,65 @@
+#pragma once
+// Filesystem paths and the platform's well-known directories.
+#include <ald/string_view.h>
+
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+namespace ald {
+
+// A path held in a growable character buffer. A default-constructed path has
+// no storage at all; once text has been added, the buffer always holds a NUL
+// right after the text.
+class path {
+public:
+    path() noexcept = default;
+    explicit path(basic_string_view<char> text);
+
+    // Appends `piece`. With `component` true the piece becomes one path
+    // component: exactly one "/" separates it from existing text (slashes
+    // already there are reused, leading slashes of the piece dropped), and
+    // none is added to an empty path. With `component` false the text is
+    // appended as it is.
+    path& add_piece(bool component, basic_string_view<char> piece);
+
+    // The text, NUL-terminated; a null pointer when the path has no storage.
+    const char* c_str() const noexcept { return buf_.empty() ? nullptr : buf_.data(); }
+    std::uint32_t size() const noexcept { return buf_.empty() ? 0 : static_cast<std::uint32_t>(buf_.size() - 1); }
+    basic_string_view<char> view() const noexcept { return {c_str(), size()}; }
+
+    // On a directory path: creates a new, empty regular file in it, never
+    // reusing an existing name (O_EXCL), named with a leading "." and mode
+    // 0644 before the umask, and sets `out` to its path. Returns false, with
+    // errno set and `out` untouched, when no file could be made.
+    bool temp_file(path& out) const;
+
+    // Removes the file the path names. 0, or -1 with errno set.
+    int unlink() const;
+
+private:
+    std::vector<char> buf_;
+};
+
+inline bool operator==(const path& a, const path& b) noexcept {
+    return a.size() == b.size() && (a.size() == 0 || std::char_traits<char>::compare(a.c_str(), b.c_str(), a.size()) == 0);
+}
+
+// The well-known directories. Every one is placed under $ALD_ROOT when that
+// variable is set and non-empty (read once, on first use).
+enum class common_path : int {
+    runtime = 0,  // $ALD_ROOT/var/run/aldrana: sockets, pid files
+    data = 1,     // $ALD_ROOT/var/lib/aldrana: persistent state
+    config = 2,   // $ALD_ROOT/etc/aldrana: writable configuration, the settings store
+};
+
+// The text of $ALD_ROOT without trailing slashes; empty for the real root.
+const char* root_prefix() noexcept;
+
+namespace detail {
+// Writes the directory's text (no trailing "/") into `out`. A value outside
+// the enumeration writes nothing.
+void print_common_path(std::ostream& out, common_path which);
+}  // namespace detail
+
+}  // namespace ald

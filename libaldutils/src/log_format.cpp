@@ -1,0 +1,55 @@
+// The one instantiation of the printf engine behind every log statement.
+#include <ald/log.h>
+#include <ald/memstream.h>
+
+#include <fmt/args.h>
+#include <fmt/printf.h>
+
+namespace ald {
+namespace log {
+namespace detail {
+namespace {
+
+void push(fmt::dynamic_format_arg_store<fmt::printf_context>& store, const arg& a) {
+    switch (a.k) {
+    case arg::kind::sint: store.push_back(a.i); break;
+    case arg::kind::slong: store.push_back(a.ll); break;
+    case arg::kind::uint: store.push_back(a.u); break;
+    case arg::kind::ulong: store.push_back(a.ull); break;
+    case arg::kind::floating: store.push_back(a.d); break;
+    case arg::kind::c_string: store.push_back(a.s ? a.s : "(null)"); break;
+    case arg::kind::text: store.push_back(fmt::string_view(a.s ? a.s : "", a.s ? a.n : 0)); break;
+    }
+}
+
+fmt::string_view as_fmt(basic_string_view<char> v) {
+    return v.data ? fmt::string_view(v.data, v.length) : fmt::string_view();
+}
+
+}  // namespace
+
+void vprint(std::uint32_t channel, level lvl, basic_string_view<char> file, int line,
+            basic_string_view<char> func, basic_string_view<char> format, const arg* args,
+            std::size_t count) {
+    basic_memstream<char> stream;
+    std::string prefix = fmt::sprintf("[%s:%d][%s()]: ", as_fmt(file), line, as_fmt(func));
+    stream.write(prefix.data(), static_cast<std::streamsize>(prefix.size()));
+
+    // The message format counts up to its NUL, whatever its view's length.
+    const char* text = format.data ? format.data : "";
+    fmt::dynamic_format_arg_store<fmt::printf_context> store;
+    store.reserve(count, 0);
+    for (std::size_t i = 0; i < count; ++i) push(store, args[i]);
+    try {
+        std::string message = fmt::vsprintf(fmt::string_view(text), store);
+        stream.write(message.data(), static_cast<std::streamsize>(message.size()));
+    } catch (const fmt::format_error& e) {
+        // A bad format must not cost the line: keep the text as written.
+        stream << text << " [log format error: " << e.what() << ']';
+    }
+    print(channel, lvl, stream.terminated_view());
+}
+
+}  // namespace detail
+}  // namespace log
+}  // namespace ald

@@ -1,0 +1,90 @@
+// fork for a daemon with handlers and threads, and the environment builder.
+#include <ald/process.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace ald {
+namespace {
+
+#ifndef CLOSE_RANGE_CLOEXEC
+#define CLOSE_RANGE_CLOEXEC (1U << 2)
+#endif
+
+// Marks every descriptor above 2 close-on-exec. Runs in the forked child,
+// so it only makes system calls.
+void cloexec_above_stderr() {
+#ifdef SYS_close_range
+    if (::syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
+#endif
+    rlimit lim{};
+    long max = 1024;
+    if (::getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur != RLIM_INFINITY) max = static_cast<long>(lim.rlim_cur);
+    for (int fd = 3; fd < max; ++fd) {
+        int flags = ::fcntl(fd, F_GETFD);
+        if (flags >= 0 && !(flags & FD_CLOEXEC)) ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+    }
+}
+
+}  // namespace
+
+pid_t fork(std::initializer_list<int> default_signals) {
+    sigset_t all, saved;
+    sigfillset(&all);
+    if (pthread_sigmask(SIG_SETMASK, &all, &saved) != 0) return -1;
+    pid_t pid = ::fork();
+    if (pid != 0) {
+        int err = errno;
+        pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+        errno = err;
+        return pid;
+    }
+    // Child: every signal is still blocked, so no inherited handler can run
+    // before the dispositions are reset.
+    struct sigaction dfl;
+    std::memset(&dfl, 0, sizeof dfl);
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    for (int sig : default_signals) ::sigaction(sig, &dfl, nullptr);
+    ::sigaction(SIGPIPE, &dfl, nullptr);
+    cloexec_above_stderr();
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    return 0;
+}
+
+Environ::Environ() {
+    for (char** e = environ; e && *e; ++e) entries_.emplace_back(*e);
+}
+
+bool Environ::set(const std::string& name, const std::string& value, bool overwrite) {
+    if (name.empty() || name.find('=') != std::string::npos) return false;
+    for (auto& entry : entries_) {
+        if (entry.size() > name.size() && entry[name.size()] == '=' && entry.compare(0, name.size(), name) == 0) {
+            if (overwrite) entry = name + '=' + value;
+            array_.clear();
+            return true;
+        }
+    }
+    entries_.push_back(name + '=' + value);
+    array_.clear();
+    return true;
+}
+
+char** Environ::to_environ() const {
+    array_.clear();
+    array_.reserve(entries_.size() + 1);
+    for (const auto& entry : entries_) array_.push_back(const_cast<char*>(entry.c_str()));
+    array_.push_back(nullptr);
+    return array_.data();
+}
+
+}  // namespace ald
