@@ -1,0 +1,109 @@
+#include "config.h"
+
+#include "log.h"
+#include "state.h"
+#include "supervision.h"
+
+#include <ald/error.h>
+#include <ald/settings.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr char kDefaultAppId[] = "com.aldrana.sorvelupd";
+static_assert(sizeof kDefaultAppId - 1 == 21, "the default application id has 21 characters");
+
+constexpr char kOutputFileName[] = "sorvelupd.out_err.log";
+
+}  // namespace
+
+bool write_config(const json_ptr& document) {
+    static const ald::path directory = config_directory();
+
+    ald::path temp;
+    if (!directory.temp_file(temp)) return false;
+    if (json_dump_file(document.get(), temp.c_str(), JSON_INDENT(4)) == -1) {
+        ALD_LOG(error, "failed to dump new config");
+        temp.unlink();
+        return false;
+    }
+    if (std::rename(temp.c_str(), config_path.c_str()) == -1) {
+        ALD_LOG(error, "failed to rename %s to %s (errno = %d)", temp.c_str(), config_path.c_str(), errno);
+        temp.unlink();
+        return false;
+    }
+    return true;
+}
+
+std::string get_redirection_file() {
+    json_ptr document(json_load_file(config_path.c_str(), 0, nullptr));
+    if (!document) {
+        alderrno.set(2, "failed to load config json");
+        return std::string();
+    }
+    json_t* value = nullptr;
+    for (void* it = json_object_iter(document.get()); it; it = json_object_iter_next(document.get(), it)) {
+        if (std::strcmp(json_object_iter_key(it), "var_path") == 0) {
+            value = json_object_iter_value(it);
+            break;
+        }
+    }
+    std::string result;
+    if (value && json_is_string(value)) {
+        result = json_string_value(value);
+        result += '/';
+        result += kOutputFileName;
+    } else {
+        alderrno.set(2, "failed to locate 'var_path' option in config json");
+    }
+    return result;
+}
+
+bool update_aur_config(const ald::path& key) {
+    const int value = ald::setMgmt::getKeyValue(path_string(key), 1);
+    if (value == last_aur_enabled) return true;
+
+    kill_and_wait_sorvelupd();
+    bool written;
+    {
+        json_ptr document(json_load_file(config_path.c_str(), 0, nullptr));
+        if (!document) {
+            ALD_LOG(error, "failed to load config json");
+            return false;
+        }
+        json_object_set_new(document.get(), "aur_enabled", value != 0 ? json_true() : json_false());
+        written = write_config(document);
+    }
+    if (written) last_aur_enabled = value;
+    return written;
+}
+
+bool update_lan_config() {
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> lock(lan_mutex);
+        names = lan_interfaces;
+    }
+    json_ptr document(json_load_file(config_path.c_str(), 0, nullptr));
+    if (!document) {
+        ALD_LOG(error, "failed to load config json");
+        return false;
+    }
+    json_t* devices = json_array();
+    if (!devices) {
+        ALD_LOG(error, "failed to allocate json array");
+        return false;
+    }
+    // A name the JSON library refuses (not UTF-8) yields no string, and the
+    // append of nothing fails: that name is left out.
+    for (const std::string& name : names) json_array_append_new(devices, json_string(name.c_str()));
+    json_object_set_new(document.get(), "pcap_device", devices);
+
+    const std::string appid = ald::setMgmt::getKeyValue(path_string(ald::kAppIdKey), std::string(kDefaultAppId));
+    json_object_set_new(document.get(), "connect_appid", json_string(appid.c_str()));
+    return write_config(document);
+}

@@ -1,0 +1,40 @@
+#pragma once
+// updater.conf: loading, atomic replacement, var_path, and the daemon's keys.
+#include <ald/path.h>
+
+#include <jansson.h>
+#include <string>
+
+// Owns exactly one reference to a JSON value, released with json_decref on
+// every way out of its scope. Never copied.
+class json_ptr {
+public:
+    explicit json_ptr(json_t* value) noexcept : value_(value) {}
+    ~json_ptr() { json_decref(value_); }
+    json_ptr(const json_ptr&) = delete;
+    json_ptr& operator=(const json_ptr&) = delete;
+
+    json_t* get() const noexcept { return value_; }
+    explicit operator bool() const noexcept { return value_ != nullptr; }
+
+private:
+    json_t* value_;
+};
+
+// Replaces updater.conf with the document: a temporary file in the same
+// directory, then rename. On false the old file is as it was and no
+// temporary file is left.
+bool write_config(const json_ptr& document);
+
+// var_path + "/sorvelupd.out_err.log" from the current file; "" with code 2
+// and the reason in alderrno when the file cannot be loaded or has no string
+// var_path.
+std::string get_redirection_file();
+
+// aur_enabled from the integer setting at `key` (absent counts as 1), after
+// stopping the updater, when the value differs from the last one written.
+bool update_aur_config(const ald::path& key);
+
+// pcap_device from lan_interfaces and connect_appid from the settings store.
+// The caller stops the updater first.
+bool update_lan_config();
