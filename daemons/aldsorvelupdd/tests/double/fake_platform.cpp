@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 
 namespace {
 
@@ -381,3 +382,13 @@ int monitor_thread_id() { return 0; }
 
 }  // namespace netMgmt
 }  // namespace ald
+
+// Counts heap allocations made by daemon code in a child that runs inside
+// the test process (it must allocate nothing between fork and exec).
+void* operator new(std::size_t size) {
+    dbl::detail::count_allocation();
+    if (void* p = std::malloc(size ? size : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }

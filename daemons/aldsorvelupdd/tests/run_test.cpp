@@ -1,0 +1,1 @@
+// Placeholder: this test is being written in the same change.
