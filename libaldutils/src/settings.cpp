@@ -1,18 +1,274 @@
-// Placeholder while this area is being written; replaced in the same change.
+// The settings store: one file per key, replaced by rename.
 #include <ald/settings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace ald {
+
 const path kPrivacySettingKey("/privacy/aur");
 const path kAppIdKey("/system/app_id");
+
 namespace setMgmt {
-int init(bool) { return -1; }
+namespace {
+
+// The file or directory that holds a valid key.
+std::string key_file(const std::string& key) {
+    if (key == "/") return store_directory();
+    return store_directory() + key;
+}
+
+// mkdir -p: every missing directory of `dir`, mode 0755 before the umask.
+// An existing non-directory on the way fails with ENOTDIR.
+int make_directories(const std::string& dir) {
+    for (std::size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+        const std::string part = dir.substr(0, slash);
+        if (!part.empty() && ::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return -1;
+        if (slash == std::string::npos) break;
+    }
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0) return -1;
+    if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+    }
+    return 0;
+}
+
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
+
+// A decimal int with an optional sign and blanks around it, or false.
+bool parse_int(const std::string& text, int& out) {
+    const char* p = text.data();
+    const char* end = p + text.size();
+    while (p < end && is_blank(*p)) ++p;
+    bool negative = false;
+    if (p < end && (*p == '+' || *p == '-')) negative = *p++ == '-';
+    if (p == end || *p < '0' || *p > '9') return false;
+    long long n = 0;
+    for (; p < end && *p >= '0' && *p <= '9'; ++p) {
+        n = n * 10 + (*p - '0');
+        if (n > static_cast<long long>(INT_MAX) + 1) return false;
+    }
+    while (p < end && is_blank(*p)) ++p;
+    if (p != end) return false;
+    if (negative) n = -n;
+    if (n < INT_MIN || n > INT_MAX) return false;
+    out = static_cast<int>(n);
+    return true;
+}
+
+bool write_all(int fd, const std::string& text) {
+    const char* p = text.data();
+    std::size_t left = text.size();
+    while (left > 0) {
+        ssize_t n = ::write(fd, p, left);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        p += n;
+        left -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Removes the temporary file of a failed write; errno stays the failure's.
+int discard(const path& temp) {
+    int err = errno;
+    temp.unlink();
+    errno = err;
+    return -1;
+}
+
+// Opens a directory for readdir; the stream owns the descriptor.
+DIR* open_directory(int dirfd, const char* name, int flags) {
+    int fd = ::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
+    if (fd < 0) return nullptr;
+    DIR* dir = ::fdopendir(fd);
+    if (!dir) {
+        int err = errno;
+        ::close(fd);
+        errno = err;
+    }
+    return dir;
+}
+
+// Removes `name` in `dirfd`, and everything under it when it is a
+// directory. Symbolic links are removed, never followed.
+int remove_tree(int dirfd, const char* name) {
+    if (::unlinkat(dirfd, name, 0) == 0) return 0;
+    if (errno != EISDIR) return -1;
+    DIR* dir = open_directory(dirfd, name, O_NOFOLLOW);
+    if (!dir) return -1;
+    errno = 0;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string child = entry->d_name;
+        if (child == "." || child == "..") continue;
+        if (remove_tree(::dirfd(dir), child.c_str()) != 0) break;
+        errno = 0;
+    }
+    int err = errno;
+    ::closedir(dir);
+    if (err != 0) {
+        errno = err;
+        return -1;
+    }
+    return ::unlinkat(dirfd, name, AT_REMOVEDIR);
+}
+
+}  // namespace
+
+int init(bool create) {
+    const std::string dir = store_directory();
+    struct stat st;
+    if (::stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? 0 : -1;
+    if (!create) return -1;
+    return make_directories(dir) == 0 ? 0 : -1;
+}
+
+// Nothing is held between calls: every call opens and closes what it uses.
 void uninit() {}
-std::string store_directory() { return {}; }
-bool valid_key(const std::string&) { return false; }
-int getKey(const std::string&, std::string&) { return -1; }
-int enumSubkeys(const std::string&, std::vector<std::string>&) { return -1; }
-int getKeyValue(const std::string&, int d) { return d; }
-std::string getKeyValue(const std::string&, const std::string& d) { return d; }
-int setKey(const std::string&, const std::string&) { return -1; }
-int deleteKey(const std::string&) { return -1; }
+
+std::string store_directory() {
+    static const std::string dir = [] {
+        std::ostringstream out;
+        detail::print_common_path(out, common_path::config);
+        return out.str() + "/settings";
+    }();
+    return dir;
 }
+
+bool valid_key(const std::string& key) {
+    if (key.empty() || key[0] != '/' || key.size() > PATH_MAX) return false;
+    if (key.find('\0') != std::string::npos) return false;
+    if (key == "/") return true;
+    std::size_t start = 1;
+    for (;;) {
+        std::size_t slash = key.find('/', start);
+        std::size_t len = (slash == std::string::npos ? key.size() : slash) - start;
+        const char* c = key.data() + start;
+        if (len == 0 || (len == 1 && c[0] == '.') || (len == 2 && c[0] == '.' && c[1] == '.')) return false;
+        if (slash == std::string::npos) return true;
+        start = slash + 1;
+    }
 }
+
+int getKey(const std::string& key, std::string& value) {
+    if (!valid_key(key)) {
+        errno = EINVAL;
+        return -1;
+    }
+    // O_NONBLOCK so that a FIFO planted in the store cannot hang the reader.
+    int fd = ::open(key_file(key).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat st;
+    int err = ::fstat(fd, &st) != 0 ? errno : S_ISDIR(st.st_mode) ? EISDIR : S_ISREG(st.st_mode) ? 0 : EINVAL;
+    if (err != 0) {
+        ::close(fd);
+        errno = err;
+        return -1;
+    }
+    std::string text;
+    char buf[4096];
+    for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            err = errno;
+            ::close(fd);
+            errno = err;
+            return -1;
+        }
+        text.append(buf, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    value = std::move(text);
+    return 0;
+}
+
+int enumSubkeys(const std::string& key, std::vector<std::string>& names) {
+    if (!valid_key(key)) {
+        errno = EINVAL;
+        return -1;
+    }
+    DIR* dir = open_directory(AT_FDCWD, key_file(key).c_str(), 0);
+    if (!dir) return -1;
+    std::vector<std::string> found;
+    errno = 0;
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] != '.') found.emplace_back(entry->d_name);
+    }
+    int err = errno;
+    ::closedir(dir);
+    if (err != 0) {
+        errno = err;
+        return -1;
+    }
+    // std::string compares as unsigned bytes: the byte order the store promises.
+    std::sort(found.begin(), found.end());
+    names = std::move(found);
+    return 0;
+}
+
+int getKeyValue(const std::string& key, int default_value) {
+    std::string text;
+    int value = 0;
+    if (getKey(key, text) != 0 || !parse_int(text, value)) return default_value;
+    return value;
+}
+
+std::string getKeyValue(const std::string& key, const std::string& default_value) {
+    std::string text;
+    if (getKey(key, text) != 0) return default_value;
+    return text;
+}
+
+int setKey(const std::string& key, const std::string& value) {
+    if (!valid_key(key)) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (key == "/") {
+        errno = EISDIR;
+        return -1;
+    }
+    const std::string file = key_file(key);
+    const std::string dir = file.substr(0, file.rfind('/'));
+    if (make_directories(dir) != 0) return -1;
+    path temp;
+    if (!path(dir).temp_file(temp)) return -1;
+    // temp_file made the name with O_EXCL; O_NOFOLLOW keeps a link put in its
+    // place since then from redirecting the write.
+    int fd = ::open(temp.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return discard(temp);
+    // fsync: after a power cut the renamed file must not turn up empty.
+    bool ok = write_all(fd, value + '\n') && ::fsync(fd) == 0;
+    int err = errno;
+    if (::close(fd) != 0 && ok) {
+        ok = false;
+        err = errno;
+    }
+    errno = err;
+    if (!ok || ::rename(temp.c_str(), file.c_str()) != 0) return discard(temp);
+    return 0;
+}
+
+int deleteKey(const std::string& key) {
+    if (!valid_key(key) || key == "/") {
+        errno = EINVAL;
+        return -1;
+    }
+    return remove_tree(AT_FDCWD, key_file(key).c_str());
+}
+
+}  // namespace setMgmt
+}  // namespace ald
