@@ -3,8 +3,8 @@
 //
 // LAN interfaces are the links whose names match one of the shell patterns
 // (fnmatch) in the settings key "/network/lan/ifnames", separated by blanks;
-// without that key the pattern is "br-lan". A link counts whatever its
-// state.
+// without that key the pattern is "br-lan". A key that holds no pattern
+// makes no link LAN. A link counts whatever its state.
 #include <functional>
 #include <string>
 #include <vector>
@@ -20,22 +20,33 @@ struct Interface {
 
 using lan_change_callback = std::function<void(const std::vector<Interface>&)>;
 
-// Reads the LAN patterns and opens the netlink sockets; with `monitor` true
-// also starts the one monitor thread. 0, or -1 with errno set. A second init
-// without uninit fails with EALREADY.
+// Reads the LAN patterns, which hold until uninit. With `monitor` true it
+// also subscribes to link notifications and starts the one monitor thread,
+// which blocks every signal. 0, or -1 with errno set. A second init without
+// uninit fails with EALREADY. Descriptors are close-on-exec.
 int init(bool monitor);
-// Stops and joins the monitor thread and closes the sockets. No callback
-// runs after it returns, also when one was running when it was called.
+// Stops and joins the monitor thread, closes its descriptors and drops the
+// registered callback. No callback runs after it returns, also when one was
+// running when it was called: it then waits for that call to end. Harmless
+// without init; init works again afterwards. Must not be called from the
+// callback, which would wait for itself.
 void uninit();
 
-// Dumps the links now and fills `out` (cleared first) with the LAN
-// interfaces, sorted by index. 0, or -1 with errno set.
+// Dumps the links now and fills `out` (cleared first, empty on failure)
+// with the LAN interfaces, sorted by index. Each call uses a netlink socket
+// of its own, so any thread may call it, the callback included. 0, or -1
+// with errno set (EINVAL before init).
 int get_lan_interfaces(std::vector<Interface>& out);
 
 // Registers the callback (an empty function removes it). The monitor thread
-// calls it with the complete current LAN list whenever a LAN interface was
-// added, renamed or deleted, including a link renamed into or out of the
-// patterns. Safe to call while the thread runs.
+// calls it with the complete current LAN list, freshly dumped, after a LAN
+// interface was added, renamed or deleted, including a link renamed into or
+// out of the patterns; when notifications were lost it dumps and calls it
+// too. Changes of other links and of a link's flags or state do not call
+// it. Safe to call while the thread runs, also from the callback: a call
+// already under way ends with the callback it began with. An exception
+// that leaves the callback is caught; the next link notification then
+// repeats the report.
 void set_on_lan_interface_change(lan_change_callback callback);
 
 // The monitor thread's kernel thread id, 0 when it is not running (tests and
