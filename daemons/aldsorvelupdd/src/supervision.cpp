@@ -101,7 +101,9 @@ void process_signal() {
     std::memset(&record, 0, sizeof record);
     if (read(signal_fd, &record, sizeof record) < 0) ALD_LOG(error, "failed to read signal info");
     if (record.ssi_signo != SIGCHLD) return;
-    if (static_cast<pid_t>(record.ssi_pid) != child_pid) return;
+    // A sender outside our pid namespace reads as pid 0: with no child
+    // recorded it must not reach waitpid(0), which would reap any child.
+    if (child_pid == 0 || static_cast<pid_t>(record.ssi_pid) != child_pid) return;
     wait_sorvelupd();
     child_pid = 0;
     sleep(1);

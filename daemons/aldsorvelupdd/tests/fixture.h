@@ -9,6 +9,7 @@
 #include <ald/log.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
@@ -18,6 +19,10 @@
 class DaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        // Without a private root the tests would rewrite the machine's own
+        // configuration directory.
+        const char* root = std::getenv("ALD_ROOT");
+        ASSERT_TRUE(root && *root) << "run the daemon's tests through ctest, which sets ALD_ROOT";
         dbl::reset();
         dbl::always("sleep", dbl::ok(0));
         ald::log::current_level = 2;
