@@ -160,6 +160,9 @@ int Instance::run() {
         std::string line = std::string("daemon hook failed: ") + e.what();
         log::print(0, log::level::error, basic_string_view<char>(line));
         return 1;
+    } catch (...) {
+        log::print(0, log::level::error, "daemon hook failed: unknown exception");
+        return 1;
     }
 }
 

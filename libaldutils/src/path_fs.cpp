@@ -34,6 +34,11 @@ void random_suffix(char out[8]) {
 }  // namespace
 
 bool path::temp_file(path& out) const {
+    // No directory is no place: never the current one by accident.
+    if (size() == 0) {
+        errno = ENOENT;
+        return false;
+    }
     for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
         char name[] = ".tmp-XXXXXXXX";
         random_suffix(name + 5);

@@ -20,7 +20,8 @@ public:
     // component: exactly one "/" separates it from existing text (slashes
     // already there are reused, leading slashes of the piece dropped), and
     // none is added to an empty path. With `component` false the text is
-    // appended as it is.
+    // appended as it is. An empty piece with `component` true on a
+    // non-empty path leaves the text ending in "/".
     path& add_piece(bool component, basic_string_view<char> piece);
 
     // The text, NUL-terminated; a null pointer when the path has no storage.
@@ -31,7 +32,8 @@ public:
     // On a directory path: creates a new, empty regular file in it, never
     // reusing an existing name (O_EXCL), named with a leading "." and mode
     // 0644 before the umask, and sets `out` to its path. Returns false, with
-    // errno set and `out` untouched, when no file could be made.
+    // errno set and `out` untouched, when no file could be made (ENOENT
+    // for an empty path).
     bool temp_file(path& out) const;
 
     // Removes the file the path names. 0, or -1 with errno set.

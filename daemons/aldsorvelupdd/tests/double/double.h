@@ -72,6 +72,8 @@ bool call_watch_handler();
 // run() was executing.
 int stop_write_fd();
 long instance_owners_during_run();
+// The instance's stop_flag as it was when run() began.
+bool* stop_flag_during_run();
 
 // Thrown by the wrapped _exit and by a successful execvpe of a child that
 // runs inside the test process (fork scripted to return 0).

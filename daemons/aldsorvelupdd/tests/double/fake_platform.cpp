@@ -29,6 +29,7 @@ ald::netMgmt::lan_change_callback g_lan_callback;
 std::weak_ptr<ald::daemon::Instance> g_instance;
 int g_stop_write = -1;
 long g_owners_during_run = -1;
+bool* g_stop_flag_during_run = nullptr;
 
 ald::setMgmt::MonitoredKey::handler_type g_watch_handler = nullptr;
 ald::path g_watch_key;
@@ -61,6 +62,7 @@ bool in_child() { return g_in_child.load(); }
 long child_allocations() { return g_child_allocations.load(); }
 int stop_write_fd() { return g_stop_write; }
 long instance_owners_during_run() { return g_owners_during_run; }
+bool* stop_flag_during_run() { return g_stop_flag_during_run; }
 
 ald::netMgmt::lan_change_callback lan_callback() {
     std::lock_guard<std::mutex> lock(g_platform_mutex);
@@ -92,6 +94,7 @@ void reset_platform() {
     g_lan_callback = nullptr;
     g_in_child = false;
     g_owners_during_run = -1;
+    g_stop_flag_during_run = nullptr;
 }
 
 }  // namespace detail
@@ -154,7 +157,9 @@ int Instance::run() {
         dbl::detail::quiet q;
         dbl::record("Instance::run");
         // The caller's reference plus the one taken here.
-        g_owners_during_run = g_instance.use_count();
+        auto self = g_instance.lock();
+        g_owners_during_run = self.use_count();
+        g_stop_flag_during_run = stop_flag;
         dbl::outcome o;
         if (dbl::take("Instance::run", o)) return static_cast<int>(o.result);
     }
