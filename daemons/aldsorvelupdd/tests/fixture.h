@@ -27,6 +27,8 @@ protected:
         dbl::always("sleep", dbl::ok(0));
         ald::log::current_level = 2;
         alderrno.clear();
+        // As the daemon starts. A test that runs init() or run() gives it a
+        // pipe of its own first, or the daemon closes the test's stdin.
         stop_fd = 0;
         stop_requested = false;
         child_pid = 0;

@@ -1,6 +1,7 @@
 // The daemon's entry point, run as __real_main against the double's
 // framework, and the daemon state as static initialisation leaves it.
 #include "fixture.h"
+#include "real.h"
 #include "hooks.h"
 
 #include <cerrno>
@@ -10,7 +11,6 @@
 #include <unistd.h>
 #include <vector>
 
-extern "C" int __real_main(int argc, char** argv);
 
 namespace {
 

@@ -56,7 +56,9 @@ struct log_line {
 };
 std::vector<log_line> log_lines();
 
-// Platform state the double serves.
+// Platform state the double serves. An outcome scripted for
+// "setMgmt::getKeyValue" runs its action; the value still comes from the
+// store. A scripted "json_array" outcome makes json_array() return null.
 std::map<std::string, std::string>& store();                     // key -> value
 std::map<std::string, std::vector<std::string>>& subkeys();      // key -> names
 std::vector<ald::netMgmt::Interface>& lan_report();               // get_lan_interfaces fills this

@@ -2,6 +2,7 @@
 // the log sink, all recording into the journal.
 #include "double.h"
 #include "internal.h"
+#include "real.h"
 
 #include <ald/daemon.h>
 #include <ald/log.h>
@@ -258,6 +259,8 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& names) {
 int getKeyValue(const std::string& key, int default_value) {
     dbl::detail::quiet q;
     dbl::record("setMgmt::getKeyValue " + key + ' ' + std::to_string(default_value));
+    dbl::outcome o;
+    dbl::take("setMgmt::getKeyValue", o);  // for its action only
     auto it = dbl::store().find(key);
     if (it == dbl::store().end()) return default_value;
     errno = 0;
@@ -270,6 +273,8 @@ int getKeyValue(const std::string& key, int default_value) {
 std::string getKeyValue(const std::string& key, const std::string& default_value) {
     dbl::detail::quiet q;
     dbl::record("setMgmt::getKeyValue " + key + ' ' + default_value);
+    dbl::outcome o;
+    dbl::take("setMgmt::getKeyValue", o);  // for its action only
     auto it = dbl::store().find(key);
     return it == dbl::store().end() ? default_value : it->second;
 }

@@ -1,9 +1,6 @@
 #pragma once
 // Shared between the double's own sources; tests use double.h.
 #include <string>
-#include <sys/types.h>
-
-struct epoll_event;
 
 namespace dbl {
 namespace detail {
@@ -23,8 +20,3 @@ struct quiet {
 }  // namespace detail
 }  // namespace dbl
 
-// The real libc calls behind the wrapped names, for the double's own use.
-extern "C" {
-int __real_pipe2(int fds[2], int flags);
-int __real_close(int fd);
-}
