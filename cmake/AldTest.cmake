@@ -44,6 +44,23 @@ function(ald_add_test name)
   endif()
 endfunction()
 
+# Sets `var` to one executable path that runs `target` here, for test scripts
+# that are handed a program: the target itself, or in a cross build a
+# launcher that starts it through CMAKE_CROSSCOMPILING_EMULATOR, since a
+# script cannot exec a foreign binary unless binfmt_misc knows its format.
+function(ald_runnable var target)
+  if(CMAKE_CROSSCOMPILING_EMULATOR)
+    set(launcher "${CMAKE_CURRENT_BINARY_DIR}/${target}-emulated")
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "\" \"" emulator)
+    file(GENERATE OUTPUT "${launcher}"
+      CONTENT "#!/bin/sh\nexec \"${emulator}\" \"$<TARGET_FILE:${target}>\" \"$@\"\n"
+      FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    set(${var} "${launcher}" PARENT_SCOPE)
+  else()
+    set(${var} "$<TARGET_FILE:${target}>" PARENT_SCOPE)
+  endif()
+endfunction()
+
 # Fresh test roots for every ctest run.
 if(NOT TEST ald_roots_setup)
   add_test(NAME ald_roots_setup COMMAND ${CMAKE_COMMAND} -E rm -rf "${CMAKE_BINARY_DIR}/test-roots")

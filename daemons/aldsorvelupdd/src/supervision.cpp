@@ -9,6 +9,7 @@
 #include <ald/settings.h>
 
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -19,6 +20,10 @@
 #include <vector>
 
 static_assert(sizeof(signalfd_siginfo) == 128, "a signal record is 128 bytes");
+// process_signal reads one whole record and relies on the kernel's layout,
+// which is the same on 32- and 64-bit ABIs.
+static_assert(offsetof(signalfd_siginfo, ssi_signo) == 0 && offsetof(signalfd_siginfo, ssi_pid) == 12,
+              "the signal number leads the record, the sender's pid is at offset 12");
 
 namespace {
 

@@ -1,8 +1,10 @@
 #pragma once
 // A borrowed run of characters, as the platform's logging, path and error
 // calls take it.
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <type_traits>
 
 namespace ald {
 
@@ -37,6 +39,24 @@ private:
 };
 
 using string_view = basic_string_view<char>;
+
+// The view crosses the library boundary by value, so its layout and the way
+// it is passed are ABI: a plain {length, data} record, trivially copyable so
+// that the calling convention hands it over in registers like the C struct
+// (r0/r1 on 32-bit ARM), with the pointer at the next pointer-aligned offset.
+namespace detail {
+struct string_view_abi {
+    std::uint32_t length;
+    const char* data;
+};
+}  // namespace detail
+static_assert(std::is_standard_layout<string_view>::value && std::is_trivially_copyable<string_view>::value,
+              "a string view is a plain record");
+static_assert(sizeof(string_view) == sizeof(detail::string_view_abi) &&
+                  alignof(string_view) == alignof(detail::string_view_abi),
+              "a string view is exactly {uint32_t length; const char* data;}");
+static_assert(offsetof(string_view, length) == 0 && offsetof(string_view, data) == sizeof(void*),
+              "length first, then data at the next pointer-aligned offset");
 
 // The last component of a path, computed at compile time when the path is a
 // literal (the log statement hands __FILE__ to it).
