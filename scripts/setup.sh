@@ -1,20 +1,42 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and the demo need.
-# Idempotent and quick: apt is only consulted when something is missing.
+# Installs the Debian packages that building, testing, the demo and the
+# benchmark need. Idempotent and quick: apt is consulted only when something
+# is missing.
+#
+#   scripts/setup.sh [base] [cross] [fuzz] [bench]    (default: base)
+#
+#   base   build, unit and system tests, the demo
+#   cross  the 32-bit ARM (armhf) cross build and qemu-user to run its tests
+#   fuzz   clang with libFuzzer and the sanitizer runtimes
+#   bench  the peer supervisors and tools the benchmark measures with
 set -euo pipefail
 
-packages=(
-  g++ cmake make pkg-config
-  libjansson-dev libfmt-dev libmnl-dev
-  libgtest-dev libgmock-dev
-  iproute2 util-linux procps jq
-)
+groups=("$@")
+[ ${#groups[@]} -eq 0 ] && groups=(base)
+
+packages=()
+cross=false
+for g in "${groups[@]}"; do
+  case "$g" in
+    base) packages+=(g++ cmake make pkg-config libjansson-dev libfmt-dev libmnl-dev
+                     libgtest-dev libgmock-dev iproute2 util-linux procps jq) ;;
+    cross) cross=true
+           packages+=(g++-arm-linux-gnueabihf qemu-user libc6:armhf libstdc++6:armhf
+                      libjansson-dev:armhf libfmt-dev:armhf libmnl-dev:armhf
+                      libgtest-dev:armhf libgmock-dev:armhf) ;;
+    fuzz) packages+=(clang libclang-rt-dev) ;;
+    bench) packages+=(runit s6 strace binutils binutils-arm-linux-gnueabihf) ;;
+    *) echo "setup: unknown group '$g' (base, cross, fuzz, bench)" >&2; exit 2 ;;
+  esac
+done
+
+installed() {
+  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"
+}
 
 missing=()
 for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
-    missing+=("$p")
-  fi
+  installed "$p" || missing+=("$p")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
@@ -22,7 +44,12 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "setup: missing packages: ${missing[*]} (run as root to install them)" >&2
   exit 1
 fi
+if $cross && ! dpkg --print-foreign-architectures | grep -qx armhf; then
+  dpkg --add-architecture armhf
+fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-apt-get update -q
+# A mirror caught mid-sync fails some index files; what is there may still
+# be enough, and the install below says clearly if it is not.
+apt-get update -q || echo "setup: apt-get update reported errors; installing from what is there" >&2
 apt-get install -y -q --no-install-recommends "${missing[@]}"
