@@ -1,12 +1,21 @@
 #!/usr/bin/env bash
-# Every test: installs what is missing, configures, builds with warnings as
-# errors, runs the whole CTest suite. Exits non-zero on any failure.
+# Every test: installs what is missing, then
+#   1. the host build (warnings as errors) and the whole CTest suite,
+#   2. the 32-bit ARM cross build with its unit tests under qemu-arm.
+# Exits non-zero at the first stage that fails, naming it.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${ALD_BUILD_DIR:-$top/build}
 jobs=$(nproc)
 
-"$top/scripts/setup.sh"
+stage() { echo; echo "=== test: $* ==="; }
+trap 'echo "test: FAILED during: ${current:-setup}" >&2' ERR
+
+current="setup"; "$top/scripts/setup.sh" base cross
+current="host build and suite"; stage "$current"
 cmake -S "$top" -B "$build" -DALD_WERROR=ON >/dev/null
 cmake --build "$build" -j"$jobs"
 ctest --test-dir "$build" --output-on-failure -j"$jobs"
+current="armhf cross build under qemu-arm"; stage "$current"
+"$top/scripts/test-armhf.sh"
+echo; echo "test: all stages passed"
