@@ -40,7 +40,7 @@ echo "test-armhf: stripped sizes (bytes):"
 strip=arm-linux-gnueabihf-strip
 scratch=$(mktemp -d /tmp/ald-armhf-sizes.XXXXXX)
 trap 'rm -rf "$scratch"' EXIT
-for f in daemons/aldsorvelupdd/aldsorvelupdd libaldutils/libaldutils.so libaldutils/aldsettings; do
+for f in sbin/aldsorvelupdd lib/libaldutils.so bin/aldsettings; do
   out=$scratch/$(basename "$f")
   "$strip" -o "$out" "$(readlink -f "$build/$f")"
   printf '  %7d  %s\n' "$(stat -c %s "$out")" "$(basename "$f")"
