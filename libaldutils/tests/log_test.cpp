@@ -302,6 +302,9 @@ TEST(LogStatement, FilteredLinesAreNeitherWrittenNorFormatted) {
         if (pid == 0) {
             int null = ::open("/dev/null", O_WRONLY);
             ::dup2(null, STDERR_FILENO);
+            // The fault is the expected outcome: the kernel's default action
+            // ends the child, not a sanitizer's handler with a report.
+            ::signal(SIGSEGV, SIG_DFL);
             ald::log::current_level = threshold;
             ald::log::print(0, level::info, "f.cpp", 1, "fn", ald::string_view(forbidden, 8), forbidden);
             ::_exit(0);
