@@ -109,8 +109,10 @@ conf_keys() {
 settings() { "$SB_STAGE/bin/aldsettings" "$@"; }
 
 # daemon_start [OPTION...]: runs the installed daemon in the background, its
-# standard error in a fresh SB_LOG; SB_DAEMON is its pid.
+# standard error in a fresh SB_LOG (the last run's goes to SB_LOG.earlier);
+# SB_DAEMON is its pid.
 daemon_start() {
+    [ -s "$SB_LOG" ] && cat "$SB_LOG" >>"$SB_LOG.earlier"
     : >"$SB_LOG"
     # As a service manager starts it: a background job of a script would
     # otherwise inherit SIGINT and SIGQUIT ignored.

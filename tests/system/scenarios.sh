@@ -11,92 +11,8 @@ set -u
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source-path=SCRIPTDIR
 . "$here/sandbox.sh"
-
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
-# die MESSAGE: a failure after which the scenario cannot go on.
-die() {
-    fail "$@"
-    exit 1
-}
-# expect_eq WHAT GOT WANT
-expect_eq() { [ "$2" = "$3" ] || fail "$1: got '$2', expected '$3'"; }
-# expect_in WHAT VALUE LOW HIGH: LOW <= VALUE <= HIGH
-expect_in() {
-    if [ "$2" -lt "$3" ] || [ "$2" -gt "$4" ]; then fail "$1: $2, expected $3 to $4"; fi
-}
-# await SECONDS WHAT CMD...
-await() {
-    local seconds=$1 what=$2
-    shift 2
-    wait_until "$seconds" "$@" || die "no $what within ${seconds}s"
-}
-
-# What the configuration directory holds, hidden files included.
-etc_entries() { find "$SB_ETC" -mindepth 1 -maxdepth 1 -printf '%f\n' | sort | tr '\n' ' '; }
-
-# keys_of PID: the daemon's keys as updater PID found them at its start.
-keys_of() { updater_rec "$1" keys; }
-key_of() { keys_of "$1" | jq -c ".$2"; }
-
-# up [OPTION...]: the shipped updater.conf unless the scenario wrote one, the
-# daemon started, its first updater awaited.
-up() {
-    local before
-    before=$(updater_starts)
-    [ -e "$SB_CONF" ] || conf_write
-    daemon_start "$@"
-    await 5 "updater start after the daemon's start" starts_reach $((before + 1))
-}
-
-# restarted BEFORE WHAT: after a change, the updater that was running (start
-# number BEFORE) was stopped with SIGTERM and a new one started; the new one's
-# pid is in $new.
-restarted() {
-    local old
-    old=$(updater_pid "$1")
-    await 8 "restart after $2" starts_reach $(($1 + 1))
-    new=$(updater_pid)
-    grep -q "^term $old " "$SB_UPDATER_DIR/events" || fail "$2: updater $old was not sent SIGTERM"
-    [ "$(log_count "sent signal #15 to sorvelupd [pid $old]")" -ge 1 ] || fail "$2: no SIGTERM line for $old"
-    ! alive "$old" || fail "$2: updater $old still runs beside $new"
-}
-
-# restarts_on BEFORE WHAT KEY WANT: restarted, and the new updater found KEY
-# at WANT in the file; the file still holds it.
-restarts_on() {
-    restarted "$1" "$2"
-    expect_eq "$2: $3 at the new updater's start" "$(key_of "$new" "$3")" "$4"
-    expect_eq "$2: $3 in updater.conf" "$(jq -c ".$3" "$SB_CONF")" "$4"
-}
-
-# no_restart WHAT [SECONDS]: nothing restarts the updater for a while (2 s).
-no_restart() {
-    local count
-    count=$(updater_starts)
-    hold_for "${2:-2}" starts_are "$count" || fail "$1 restarted the updater"
-}
-
-teardown() {
-    local status=$?
-    if [ -n "${SB_DAEMON:-}" ] && ! daemon_gone; then
-        kill -KILL "$SB_DAEMON" 2>/dev/null
-    fi
-    if [ "$failures" -gt 0 ] || [ "$status" -ne 0 ]; then
-        echo "--- daemon log (last 40 lines of $SB_LOG)" >&2
-        tail -n 40 "$SB_LOG" >&2 2>/dev/null
-        echo "--- updater events" >&2
-        cat "$SB_UPDATER_DIR/events" >&2 2>/dev/null
-        echo "--- updater.conf" >&2
-        cat "$SB_CONF" >&2 2>/dev/null
-        echo >&2
-        exit 1
-    fi
-    exit 0
-}
+# shellcheck source-path=SCRIPTDIR
+. "$here/checks.sh"
 
 # --- scenarios --------------------------------------------------------------
 
@@ -370,23 +286,4 @@ info: \[aldsorvelupdd\.cpp:[0-9]+\]\[init\(\)\]: stop ald sorvelupd daemon$'
     expect_eq "updater.conf" "$(cat "$SB_CONF")" "$(sandbox_conf_text)"
 }
 
-# --- entry ------------------------------------------------------------------
-
-scenario=${1:?usage: $0 SCENARIO STAGE}
-stage=${2:?usage: $0 SCENARIO STAGE}
-declare -F "scenario_$scenario" >/dev/null || { echo "no scenario '$scenario'" >&2; exit 2; }
-if [ -z "${SANDBOX_INSIDE:-}" ]; then
-    work=${ALD_TEST_ROOT:?run through ctest, which gives each test its own ALD_TEST_ROOT}
-    [ -x "$stage/sbin/aldsorvelupdd" ] || { echo "no installed daemon under $stage" >&2; exit 1; }
-    if ! why=$(sandbox_check); then
-        echo "SKIP: $why"
-        exit 77
-    fi
-    rm -rf "$work"
-    mkdir -p "$work"
-    export SANDBOX_INSIDE=$work
-    exec "${SANDBOX_RUN[@]}" "$0" "$@"
-fi
-sandbox_prepare "$SANDBOX_INSIDE" "$stage"
-trap teardown EXIT
-"scenario_$scenario"
+scenario_main "$@"
