@@ -102,8 +102,8 @@ teardown() {
         tail -n 40 "$SB_LOG" >&2 2>/dev/null
         echo "--- updater events" >&2
         cat "$SB_UPDATER_DIR/events" >&2 2>/dev/null
-        echo "--- updater.conf" >&2
-        cat "$SB_CONF" >&2 2>/dev/null
+        echo "--- updater.conf (its first 2000 bytes)" >&2
+        head -c 2000 "$SB_CONF" >&2 2>/dev/null
         echo >&2
         exit 1
     fi
