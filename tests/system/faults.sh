@@ -76,7 +76,13 @@ scenario_exit_forever() {
     t30=$(started_ms "$(updater_pid 30)")
     expect_in "ms per restart, starts 5 to 30" $(((t30 - t5) / 25)) 1000 1400
     expect_eq "the daemon's descriptors, start 30 against start 5" "$fds30" "$fds5"
-    expect_eq "the daemon's Private_Dirty KiB, start 30 against start 5" "$dirty30" "$dirty5"
+    # Under AddressSanitizer freed memory is held back in quarantine, and
+    # memory grows by design; the heap itself is checked there by the soak.
+    if readelf -d "$SB_STAGE/sbin/aldsorvelupdd" | grep -q 'NEEDED.*libasan'; then
+        echo "exit_forever: a sanitized daemon: Private_Dirty not compared"
+    else
+        expect_eq "the daemon's Private_Dirty KiB, start 30 against start 5" "$dirty30" "$dirty5"
+    fi
     echo "exit_forever: 30 starts, $(((t30 - t5) / 25)) ms apart; descriptors $(wc -l <<<"$fds30");" \
         "Private_Dirty ${dirty5} KiB at start 5, ${dirty30} KiB at start 30"
 
