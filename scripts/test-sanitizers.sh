@@ -83,6 +83,7 @@ run_one() {
     sanitizer_env "$kind" "$reports"
     ctest --test-dir "$build" --output-on-failure -j"$jobs" "${ctest_args[@]}"
   ) || status=1
+  grep -hE '^(soak|crash|exit_forever): ' "$build/Testing/Temporary/LastTest.log" || true
 
   local found
   found=$(find "$reports" -type f | sort)

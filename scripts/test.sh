@@ -19,6 +19,8 @@ current="host build and suite"; stage "$current"
 cmake -S "$top" -B "$build" -DALD_WERROR=ON >/dev/null
 cmake --build "$build" -j"$jobs"
 ctest --test-dir "$build" --output-on-failure -j"$jobs"
+# The figures that the soak, the crash test and the restart loop print.
+grep -hE '^(soak|crash|exit_forever): ' "$build/Testing/Temporary/LastTest.log" || true
 current="armhf cross build under qemu-arm"; stage "$current"
 "$top/scripts/test-armhf.sh"
 current="sanitizers"; stage "$current"
