@@ -142,58 +142,47 @@ json_t* make_document(std::size_t size, const std::string& var_path) {
     return doc;
 }
 
+// The whole file into `buffer` (grown, never shrunk); its size in `size`.
+bool read_all(const std::string& path, std::vector<char>& buffer, std::size_t& size) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat st;
+    bool ok = fstat(fd, &st) == 0;
+    size = ok ? static_cast<std::size_t>(st.st_size) : 0;
+    if (buffer.size() < size) buffer.resize(size);
+    for (std::size_t got = 0; ok && got < size;) {
+        const ssize_t n = read(fd, buffer.data() + got, size - got);
+        ok = n > 0;
+        if (ok) got += static_cast<std::size_t>(n);
+    }
+    close(fd);
+    return ok;
+}
+
+// A new file `temp` holding the bytes, then renamed over `conf`.
+bool write_and_rename(const std::string& temp, const std::string& conf, const char* data, std::size_t size) {
+    const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    bool ok = true;
+    for (std::size_t put = 0; ok && put < size;) {
+        const ssize_t n = write(fd, data + put, size - put);
+        ok = n > 0;
+        if (ok) put += static_cast<std::size_t>(n);
+    }
+    close(fd);
+    return ok && rename(temp.c_str(), conf.c_str()) == 0;
+}
+
 // The least work: the bytes of the old file into a kept buffer, a new file
 // beside it, the bytes out, the rename.
 __attribute__((noinline)) bool least_work(const std::string& conf, const std::string& temp, std::vector<char>& buffer) {
-    int fd = open(conf.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    struct stat st;
-    if (fstat(fd, &st) != 0) return false;
-    const std::size_t size = static_cast<std::size_t>(st.st_size);
-    if (buffer.size() < size) buffer.resize(size);
-    std::size_t got = 0;
-    while (got < size) {
-        ssize_t n = read(fd, buffer.data() + got, size - got);
-        if (n <= 0) return false;
-        got += static_cast<std::size_t>(n);
-    }
-    close(fd);
-    fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    std::size_t put = 0;
-    while (put < size) {
-        ssize_t n = write(fd, buffer.data() + put, size - put);
-        if (n <= 0) return false;
-        put += static_cast<std::size_t>(n);
-    }
-    close(fd);
-    return rename(temp.c_str(), conf.c_str()) == 0;
-}
-
-bool write_all(int fd, const char* data, std::size_t size) {
-    std::size_t put = 0;
-    while (put < size) {
-        ssize_t n = write(fd, data + put, size - put);
-        if (n <= 0) return false;
-        put += static_cast<std::size_t>(n);
-    }
-    return true;
+    std::size_t size = 0;
+    return read_all(conf, buffer, size) && write_and_rename(temp, conf, buffer.data(), size);
 }
 
 __attribute__((noinline)) bool lean(const std::string& conf, const std::string& temp, std::vector<char>& in, std::vector<char>& out) {
-    int fd = open(conf.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    struct stat st;
-    if (fstat(fd, &st) != 0) return false;
-    const std::size_t size = static_cast<std::size_t>(st.st_size);
-    if (in.size() < size) in.resize(size);
-    std::size_t got = 0;
-    while (got < size) {
-        ssize_t n = read(fd, in.data() + got, size - got);
-        if (n <= 0) return false;
-        got += static_cast<std::size_t>(n);
-    }
-    close(fd);
+    std::size_t size = 0;
+    if (!read_all(conf, in, size)) return false;
     json_t* doc = json_loadb(in.data(), size, 0, nullptr);
     if (!doc) return false;
     json_object_set_new(doc, "aur_enabled", json_true());
@@ -203,12 +192,7 @@ __attribute__((noinline)) bool lean(const std::string& conf, const std::string& 
         need = json_dumpb(doc, out.data(), out.size(), JSON_INDENT(4));
     }
     json_decref(doc);
-    if (need == 0) return false;
-    fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    const bool written = write_all(fd, out.data(), need);
-    close(fd);
-    return written && rename(temp.c_str(), conf.c_str()) == 0;
+    return need != 0 && write_and_rename(temp, conf, out.data(), need);
 }
 
 [[noreturn]] void fail(const char* what) {
