@@ -31,6 +31,17 @@ quiet_after() {
     pid=$(updater_pid "$1")
     await 5 "the end of updater $pid" eval "! alive $pid"
 }
+# sample N: once updater N has started and is gone again, the daemon's
+# descriptors, RssAnon and Private_Dirty and the updater's start time, into
+# the caller's arrays fds, anon, dirty and t at N.
+sample() {
+    await 40 "$1 starts" starts_reach "$1"
+    quiet_after "$1"
+    fds[$1]=$(daemon_fds)
+    anon[$1]=$(daemon_rss_anon)
+    dirty[$1]=$(daemon_dirty)
+    t[$1]=$(started_ms "$(updater_pid "$1")")
+}
 # store_put KEY FILE: the file becomes KEY's value in one rename, as any
 # writer of the store must. aldsettings takes a value as one argument, which
 # the kernel limits to 128 KiB: bigger values go in this way.
@@ -77,30 +88,20 @@ scenario_stopped_updater() {
 scenario_exit_forever() {
     updater_mode exit:0
     up
-    local fds5 anon5 dirty5 t5 fds30 anon30 dirty30 t30
-    await 10 "5 starts" starts_reach 5
-    quiet_after 5
-    fds5=$(daemon_fds)
-    anon5=$(daemon_rss_anon)
-    dirty5=$(daemon_dirty)
-    t5=$(started_ms "$(updater_pid 5)")
-    await 40 "30 starts" starts_reach 30
-    quiet_after 30
-    fds30=$(daemon_fds)
-    anon30=$(daemon_rss_anon)
-    dirty30=$(daemon_dirty)
-    t30=$(started_ms "$(updater_pid 30)")
-    expect_in "ms per restart, starts 5 to 30" $(((t30 - t5) / 25)) 1000 1400
-    expect_eq "the daemon's descriptors, start 30 against start 5" "$fds30" "$fds5"
+    local -A fds anon dirty t
+    sample 5
+    sample 30
+    expect_in "ms per restart, starts 5 to 30" $(((t[30] - t[5]) / 25)) 1000 1400
+    expect_eq "the daemon's descriptors, start 30 against start 5" "${fds[30]}" "${fds[5]}"
     # Under AddressSanitizer freed memory is held back in quarantine, and
     # memory grows by design; the heap itself is checked there by the soak.
     if readelf -d "$SB_STAGE/sbin/aldsorvelupdd" | grep -q 'NEEDED.*libasan'; then
         echo "exit_forever: a sanitized daemon: memory not compared"
     else
-        expect_eq "the daemon's RssAnon KiB, start 30 against start 5" "$anon30" "$anon5"
+        expect_eq "the daemon's RssAnon KiB, start 30 against start 5" "${anon[30]}" "${anon[5]}"
     fi
-    echo "exit_forever: 30 starts, $(((t30 - t5) / 25)) ms apart; descriptors $(wc -l <<<"$fds30");" \
-        "RssAnon $anon5 KiB at start 5, $anon30 KiB at start 30 (Private_Dirty $dirty5, $dirty30 KiB)"
+    echo "exit_forever: 30 starts, $(((t[30] - t[5]) / 25)) ms apart; descriptors $(wc -l <<<"${fds[30]}");" \
+        "RssAnon ${anon[5]} KiB at start 5, ${anon[30]} KiB at start 30 (Private_Dirty ${dirty[5]}, ${dirty[30]} KiB)"
 
     rm "$SANDBOX_UPDATER"
     local n t1 t4 starts
