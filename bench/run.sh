@@ -592,6 +592,12 @@ report() {
     }
     function total(prog, lib) { return ((prog in v) ? kib(v[prog] + libsum(lib)) : "not measured") }
     function verdict(ok) { return (ok ? "**MET**" : "**MISSED**") }
+    # The four columns of a row: "figure (detail)" of each program.
+    function with_detail(figure, detail,   out, i, p) {
+        split("ours runsv s6 ref", p, " ")
+        for (i = 1; i <= 4; i++) out = out sprintf(" %s (%s) |", get(figure "." p[i]), get(detail "." p[i]))
+        return out
+    }
     function restart_syscalls(name,   t, c) {
         t = v["restart.syscalls_total." name]; c = v["restart.traced_cycles." name]
         if (c == "" || c == 0) return "not measured"
@@ -622,20 +628,12 @@ report() {
             get("mem.rss.runsv"), get("mem.pss.runsv"), get("mem.private_dirty.runsv"),
             get("mem.rss.s6"), get("mem.pss.s6"), get("mem.private_dirty.s6"),
             get("mem.rss.ref"), get("mem.pss.ref"), get("mem.private_dirty.ref")
-        printf "| Idle system calls per second, all threads (strace -f -C over %s s) | %s (%s) | %s (%s) | %s (%s) | %s (%s) |\n",
-            get("idle.strace_window_s"),
-            get("idle.syscalls_per_s.ours"), get("idle.syscalls.ours"),
-            get("idle.syscalls_per_s.runsv"), get("idle.syscalls.runsv"),
-            get("idle.syscalls_per_s.s6"), get("idle.syscalls.s6"),
-            get("idle.syscalls_per_s.ref"), get("idle.syscalls.ref")
+        printf "| Idle system calls per second, all threads (strace -f -C over %s s) |%s\n",
+            get("idle.strace_window_s"), with_detail("idle.syscalls_per_s", "idle.syscalls")
         printf "| Idle passes of the loop in that trace | %s after the attach (%s); the attach interrupts the wait in progress, its pass: %s; other threads: %s | | | |\n",
             get("idle.passes"), get("idle.pass_kinds"), get("idle.attach_pass"), get("idle.other_thread_calls")
-        printf "| Idle wake-ups per second, all threads (untraced, %s s; tid:context switches) | %s (%s) | %s (%s) | %s (%s) | %s (%s) |\n",
-            get("idle.window_s"),
-            get("idle.wakeups.ours"), get("idle.wakeups_threads.ours"),
-            get("idle.wakeups.runsv"), get("idle.wakeups_threads.runsv"),
-            get("idle.wakeups.s6"), get("idle.wakeups_threads.s6"),
-            get("idle.wakeups.ref"), get("idle.wakeups_threads.ref")
+        printf "| Idle wake-ups per second, all threads (untraced, %s s; tid:context switches) |%s\n",
+            get("idle.window_s"), with_detail("idle.wakeups", "idle.wakeups_threads")
         printf "| CPU per idle hour (schedstat over the same %s s, x 3600/window) | %s ms | %s ms | %s ms | %s ms |\n",
             get("idle.window_s"), get("idle.cpu_ms_per_hour.ours"), get("idle.cpu_ms_per_hour.runsv"),
             get("idle.cpu_ms_per_hour.s6"), get("idle.cpu_ms_per_hour.ref")
