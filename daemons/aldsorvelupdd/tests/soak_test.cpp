@@ -23,7 +23,6 @@
 #include <iostream>
 #include <malloc.h>
 #include <sched.h>
-#include <sstream>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
