@@ -11,14 +11,10 @@ namespace detail {
 namespace {
 
 void push(fmt::dynamic_format_arg_store<fmt::printf_context>& store, const arg& a) {
-    switch (a.k) {
-    case arg::kind::sint: store.push_back(a.i); break;
-    case arg::kind::slong: store.push_back(a.ll); break;
-    case arg::kind::uint: store.push_back(a.u); break;
-    case arg::kind::ulong: store.push_back(a.ull); break;
-    case arg::kind::floating: store.push_back(a.d); break;
-    case arg::kind::c_string: store.push_back(a.s ? a.s : "(null)"); break;
-    case arg::kind::text: store.push_back(fmt::string_view(a.s ? a.s : "", a.s ? a.n : 0)); break;
+    if (a.is_int) {
+        store.push_back(a.i);
+    } else {
+        store.push_back(a.s ? a.s : "(null)");
     }
 }
 

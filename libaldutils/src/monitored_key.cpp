@@ -32,8 +32,7 @@ constexpr std::uint32_t kSelfEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT
 
 }  // namespace
 
-MonitoredKey::MonitoredKey(const path& key, handler_type handler, int flags, bool subkeys)
-    : key_(key), handler_(handler), flags_(flags), subkeys_(subkeys) {}
+MonitoredKey::MonitoredKey(const path& key, handler_type handler, int, bool) : key_(key), handler_(handler) {}
 
 MonitoredKey::~MonitoredKey() { forget(); }
 
@@ -41,7 +40,7 @@ int MonitoredKey::get_fd() {
     if (fd_ >= 0) return fd_;
     if (cancelled_) return -1;
     const std::string key = key_.c_str() ? key_.c_str() : "";
-    if (flags_ != 0 || key.size() != key_.size() || !valid_key(key)) {
+    if (key.size() != key_.size() || !valid_key(key)) {
         errno = EINVAL;
         return -1;
     }
@@ -116,8 +115,7 @@ void MonitoredKey::forget() {
 }
 
 // Splits the key's file into the directories that lead to it. The name of
-// the last level is the key's own; with subkeys, the key's directory is one
-// more level whose every visible entry counts (empty name).
+// the last level is the key's own.
 void MonitoredKey::plan(const std::string& key) {
     const std::string store = store_directory();
     const std::string file = key == "/" ? store : store + key;
@@ -137,7 +135,6 @@ void MonitoredKey::plan(const std::string& key) {
         }
         start = slash + 1;
     }
-    if (subkeys_) levels_.push_back({dir, std::string(), -1});
     file_ = dir;
 }
 
@@ -157,7 +154,7 @@ bool MonitoredKey::arm() {
             Level& level = levels_[i];
             level.wd = -1;
             if (missing || i < first) continue;
-            level.wd = ::inotify_add_watch(fd_, level.dir.c_str(), i >= key_level() ? kKeyMask : kPathMask);
+            level.wd = ::inotify_add_watch(fd_, level.dir.c_str(), i + 1 == levels_.size() ? kKeyMask : kPathMask);
             if (level.wd >= 0) continue;
             // Not a directory there (yet): the key cannot exist below it.
             missing = true;
@@ -189,16 +186,14 @@ void MonitoredKey::classify(const inotify_event& ev, bool& concerned, bool& move
             continue;
         }
         if (ev.len == 0) continue;
-        if (level.name.empty()) {
-            if (ev.name[0] != '.') concerned = true;  // a visible subkey
-        } else if (level.name == ev.name) {
-            if (i == key_level()) concerned = true;
-            if (i + 1 < levels_.size()) moved = true;  // a directory of the path
+        if (level.name != ev.name) continue;
+        if (i + 1 == levels_.size()) {
+            concerned = true;  // the key itself
+        } else {
+            moved = true;  // a directory of the path
         }
     }
 }
-
-std::size_t MonitoredKey::key_level() const { return levels_.size() - (subkeys_ ? 2 : 1); }
 
 bool MonitoredKey::key_present() const {
     struct stat st;

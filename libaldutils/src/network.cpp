@@ -4,9 +4,7 @@
 #include <ald/settings.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <csignal>
 #include <cstdint>
 #include <fnmatch.h>
@@ -20,7 +18,6 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace ald {
@@ -46,16 +43,11 @@ struct Monitor {
     int stop_fd = -1;              // eventfd; readable once uninit wants the thread gone
     pthread_t thread{};
     std::vector<Interface> known;  // the LAN list as the last dump saw it
-
-    std::mutex started_mutex;
-    std::condition_variable started;
-    int tid = 0;
 };
 
 std::mutex g_lifecycle;  // serialises init and uninit, joins included
 bool g_initialised = false;
 Monitor* g_monitor = nullptr;
-std::atomic<int> g_tid{0};
 
 std::mutex g_patterns_mutex;
 std::shared_ptr<const Patterns> g_patterns;
@@ -259,12 +251,6 @@ bool report(Monitor* m) {
 // request arrives; the stop request wins.
 void* monitor_main(void* arg) {
     auto* m = static_cast<Monitor*>(arg);
-    {
-        std::lock_guard<std::mutex> lock(m->started_mutex);
-        m->tid = static_cast<int>(::syscall(SYS_gettid));
-    }
-    m->started.notify_one();
-
     bool undelivered = false;
     for (;;) {
         pollfd fds[2] = {{m->stop_fd, POLLIN, 0}, {mnl_socket_get_fd(m->events), POLLIN, 0}};
@@ -304,13 +290,9 @@ int monitor_spawn(Monitor* m) {
     pthread_sigmask(SIG_SETMASK, &all, &saved);
     int err = pthread_create(&m->thread, nullptr, monitor_main, m);
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-    if (err != 0) {
-        errno = err;
-        return -1;
-    }
-    std::unique_lock<std::mutex> lock(m->started_mutex);
-    m->started.wait(lock, [m] { return m->tid != 0; });
-    return 0;
+    if (err == 0) return 0;
+    errno = err;
+    return -1;
 }
 
 Monitor* monitor_start(const std::shared_ptr<const Patterns>& patterns) {
@@ -340,7 +322,7 @@ void monitor_stop(Monitor* m) {
 
 }  // namespace
 
-int init(bool monitor) {
+int init(bool) {
     std::lock_guard<std::mutex> lifecycle(g_lifecycle);
     if (g_initialised) {
         errno = EALREADY;
@@ -353,11 +335,8 @@ int init(bool monitor) {
         errno = ENOMEM;
         return -1;
     }
-    if (monitor) {
-        g_monitor = monitor_start(patterns);
-        if (!g_monitor) return -1;
-        g_tid = g_monitor->tid;
-    }
+    g_monitor = monitor_start(patterns);
+    if (!g_monitor) return -1;
     {
         std::lock_guard<std::mutex> lock(g_patterns_mutex);
         g_patterns = std::move(patterns);
@@ -374,11 +353,8 @@ void uninit() {
         dropped = std::move(g_callback);
     }
     if (!g_initialised) return;
-    if (g_monitor) {
-        monitor_stop(g_monitor);
-        g_monitor = nullptr;
-        g_tid = 0;
-    }
+    monitor_stop(g_monitor);
+    g_monitor = nullptr;
     {
         std::lock_guard<std::mutex> lock(g_patterns_mutex);
         g_patterns.reset();
@@ -406,8 +382,6 @@ void set_on_lan_interface_change(lan_change_callback callback) {
     std::lock_guard<std::mutex> lock(g_callback_mutex);
     fresh.swap(g_callback);
 }  // the old callback is destroyed here, outside the lock
-
-int monitor_thread_id() { return g_tid; }
 
 }  // namespace netMgmt
 }  // namespace ald

@@ -4,8 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <type_traits>
 
 namespace ald {
 namespace log {
@@ -26,29 +24,16 @@ namespace detail {
 
 // One type-erased argument of a log statement, so that the formatting engine
 // is instantiated once in the library rather than at every call site.
+// The daemon's messages take ints (%d) and C strings (%s), nothing else.
 struct arg {
-    enum class kind : unsigned char { sint, slong, uint, ulong, floating, c_string, text };
-    kind k;
+    bool is_int;
     union {
         int i;
-        long long ll;
-        unsigned u;
-        unsigned long long ull;
-        double d;
         const char* s;
     };
-    std::uint32_t n = 0;  // length of a text
 
-    arg(int v) noexcept : k(kind::sint), i(v) {}
-    arg(long v) noexcept : k(kind::slong), ll(v) {}
-    arg(long long v) noexcept : k(kind::slong), ll(v) {}
-    arg(unsigned v) noexcept : k(kind::uint), u(v) {}
-    arg(unsigned long v) noexcept : k(kind::ulong), ull(v) {}
-    arg(unsigned long long v) noexcept : k(kind::ulong), ull(v) {}
-    arg(double v) noexcept : k(kind::floating), d(v) {}
-    arg(const char* v) noexcept : k(kind::c_string), s(v) {}
-    arg(basic_string_view<char> v) noexcept : k(kind::text), s(v.data), n(v.length) {}
-    arg(const std::string& v) noexcept : k(kind::text), s(v.data()), n(static_cast<std::uint32_t>(v.size())) {}
+    arg(int v) noexcept : is_int(true), i(v) {}
+    arg(const char* v) noexcept : is_int(false), s(v) {}
 };
 
 // Builds "[file:line][func()]: " and the message into one memstream and
@@ -61,9 +46,8 @@ void vprint(std::uint32_t channel, level lvl, basic_string_view<char> file, int 
 
 // The statement form: nothing is built or formatted when the threshold
 // filters the line out; otherwise exactly one sink call. printf rules: %d
-// with integers, %s with C strings and string views (a view is written as its
-// length of characters, cut to the precision when one is given); a literal
-// percent sign is written "%%" even when there are no arguments.
+// with ints, %s with C strings; a literal percent sign is written "%%" even
+// when there are no arguments.
 template <class... Args>
 inline void print(std::uint32_t channel, level lvl, basic_string_view<char> file, int line,
                   basic_string_view<char> func, basic_string_view<char> format, const Args&... args) {

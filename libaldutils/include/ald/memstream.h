@@ -29,7 +29,6 @@ public:
 
     // Characters written so far.
     std::size_t size() const noexcept { return static_cast<std::size_t>(this->pptr() - this->pbase()); }
-    const std::vector<CharT>& vector() const noexcept { return vector_; }
 
     // Stores a NUL right after the text and returns a view of the text
     // without it. A buffer without storage, or with no text, gives the empty
@@ -63,7 +62,6 @@ template <class CharT>
 class basic_memstream : public std::basic_ostream<CharT> {
 public:
     basic_memstream() : std::basic_ostream<CharT>(nullptr) { this->init(&buf_); }
-    basic_membuf<CharT>& buf() noexcept { return buf_; }
     std::size_t size() const noexcept { return buf_.size(); }
     basic_string_view<CharT> terminated_view() { return buf_.terminated_view(); }
 

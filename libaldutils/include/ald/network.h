@@ -20,10 +20,11 @@ struct Interface {
 
 using lan_change_callback = std::function<void(const std::vector<Interface>&)>;
 
-// Reads the LAN patterns, which hold until uninit. With `monitor` true it
-// also subscribes to link notifications and starts the one monitor thread,
-// which blocks every signal. 0, or -1 with errno set. A second init without
-// uninit fails with EALREADY. Descriptors are close-on-exec.
+// Reads the LAN patterns, which hold until uninit, subscribes to link
+// notifications and starts the one monitor thread, which blocks every
+// signal. The argument is reserved (pass true). 0, or -1 with errno set. A
+// second init without uninit fails with EALREADY. Descriptors are
+// close-on-exec.
 int init(bool monitor);
 // Stops and joins the monitor thread, closes its descriptors and drops the
 // registered callback. No callback runs after it returns, also when one was
@@ -48,10 +49,6 @@ int get_lan_interfaces(std::vector<Interface>& out);
 // that leaves the callback is caught; the next link notification then
 // repeats the report.
 void set_on_lan_interface_change(lan_change_callback callback);
-
-// The monitor thread's kernel thread id, 0 when it is not running (tests and
-// diagnostics).
-int monitor_thread_id();
 
 }  // namespace netMgmt
 }  // namespace ald

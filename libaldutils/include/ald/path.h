@@ -27,7 +27,6 @@ public:
     // The text, NUL-terminated; a null pointer when the path has no storage.
     const char* c_str() const noexcept { return buf_.empty() ? nullptr : buf_.data(); }
     std::uint32_t size() const noexcept { return buf_.empty() ? 0 : static_cast<std::uint32_t>(buf_.size() - 1); }
-    basic_string_view<char> view() const noexcept { return {c_str(), size()}; }
 
     // On a directory path: creates a new, empty regular file in it, never
     // reusing an existing name (O_EXCL), named with a leading "." and mode
@@ -42,10 +41,6 @@ public:
 private:
     std::vector<char> buf_;
 };
-
-inline bool operator==(const path& a, const path& b) noexcept {
-    return a.size() == b.size() && (a.size() == 0 || std::char_traits<char>::compare(a.c_str(), b.c_str(), a.size()) == 0);
-}
 
 // The well-known directories. Every one is placed under $ALD_ROOT when that
 // variable is set and non-empty (read once, on first use).

@@ -78,10 +78,9 @@ class MonitoredKey {
 public:
     using handler_type = bool (*)(const path& key);
 
-    // Watches `key`, which need not exist yet, nor its directory. `flags`
-    // is reserved and must be 0 (get_fd fails with EINVAL otherwise).
-    // With `subkeys` true, changes to the direct subkeys of a directory key
-    // count as changes of the key. The handler's result is not used.
+    // Watches `key`, which need not exist yet, nor its directory. The watch
+    // has one mode: `flags` and `subkeys` are reserved (pass 0 and false).
+    // The handler's result is not used.
     MonitoredKey(const path& key, handler_type handler, int flags, bool subkeys);
     ~MonitoredKey();
     MonitoredKey(const MonitoredKey&) = delete;
@@ -109,12 +108,9 @@ public:
     // then on get_fd() returns -1. The destructor closes it too.
     void cancel();
 
-    const path& key() const noexcept { return key_; }
-
 private:
     // One directory on the way to the key and the name in it that leads on
-    // (the key's own name in the key's directory; empty for the key itself
-    // when subkeys are watched: any visible entry).
+    // (the key's own name in the key's directory).
     struct Level {
         std::string dir;
         std::string name;
@@ -124,17 +120,12 @@ private:
     void plan(const std::string& key);
     bool arm();
     void classify(const inotify_event& ev, bool& concerned, bool& moved) const;
-    // The level of the key's own directory, whose events on the key's name
-    // are the key's.
-    std::size_t key_level() const;
     bool key_present() const;
     // Closes the descriptor the watch still owns and drops its watches.
     void forget();
 
     path key_;
     handler_type handler_;
-    int flags_;
-    bool subkeys_;
     bool cancelled_ = false;
     int fd_ = -1;
     std::vector<Level> levels_;  // top ("/") first

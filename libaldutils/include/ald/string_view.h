@@ -26,9 +26,6 @@ struct basic_string_view {
         : length(static_cast<std::uint32_t>(text.size())), data(text.data()) {}
 
     constexpr bool empty() const noexcept { return length == 0; }
-    std::basic_string<CharT> str() const {
-        return data ? std::basic_string<CharT>(data, length) : std::basic_string<CharT>();
-    }
 
 private:
     static constexpr std::uint32_t count(const CharT* text) noexcept {

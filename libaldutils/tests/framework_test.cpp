@@ -1,0 +1,201 @@
+// The daemon framework (options, stop pipe, hooks), the log statement and
+// its sink, fork and the environment builder. What is process-wide (the
+// instance, handlers, exits) runs in forked children.
+#include <ald/daemon.h>
+#include <ald/log.h>
+#include <ald/process.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace {
+
+struct outcome {
+    int status = -1;                  // exit status, or 128 + signal
+    std::vector<std::string> writes;  // to standard output or error, one per write(2)
+    std::string text;                 // all of them
+};
+
+// Runs `body` in a forked child whose standard output and error are a
+// packet socket, so that every write stays one packet; the exit status is
+// the body's result unless it exits by itself. A body reports a broken
+// property with fail().
+outcome in_child(const std::function<int()>& body) {
+    int sockets[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets), 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(sockets[1], 1);
+        ::dup2(sockets[1], 2);
+        ::_exit(body());
+    }
+    ::close(sockets[1]);
+    outcome result;
+    char packet[8192];
+    for (ssize_t n; (n = ::recv(sockets[0], packet, sizeof packet, 0)) > 0; result.text += result.writes.back())
+        result.writes.emplace_back(packet, n);
+    ::close(sockets[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+int fail(const char* what) {
+    (void)!::write(2, what, std::strlen(what));
+    return 1;
+}
+
+std::shared_ptr<ald::daemon::Instance> instance(std::vector<const char*> args) {
+    args.insert(args.begin(), "/sbin/prog");
+    args.push_back(nullptr);
+    return ald::daemon::instance(static_cast<int>(args.size() - 1), const_cast<char**>(args.data()));
+}
+
+TEST(Framework, OptionsSetTheLogLevelPrintHelpOrEndInAUsageError) {
+    const struct {
+        std::vector<const char*> args;
+        int status;  // 100 + the level when the options were taken
+        const char* text;
+    } cases[] = {
+        {{}, 102, ""}, {{"-l", "0"}, 100, ""}, {{"--log-level=-1"}, 99, ""}, {{"-l7"}, 107, ""},
+        {{"--help"}, 0, "Usage: prog [-l N | --log-level=N] [-h | --help]"}, {{"-h", "-x"}, 0, "Usage: prog"},
+        {{"-l"}, 2, "prog: option needs a value: -l"}, {{"-l", "x"}, 2, "prog: log level is not an integer: x"},
+        {{"--log-level=99999999999"}, 2, "prog: log level is not an integer"}, {{"-x"}, 2, "prog: unknown option"},
+        {{"-l", "1", "extra"}, 2, "prog: unexpected operand: extra"},
+    };
+    for (const auto& c : cases) {
+        const outcome o = in_child([&] {
+            instance(c.args);
+            return 100 + ald::log::current_level;
+        });
+        EXPECT_EQ(o.status, c.status) << c.args.size() << " arguments: " << o.text;
+        EXPECT_EQ(o.text.find(c.text), 0u) << o.text;
+    }
+}
+
+TEST(Framework, EachStopSignalMakesTheStopPipeReadableAndNoBurstBlocksTheHandler) {
+    const outcome o = in_child([] {
+        auto daemon = instance({});
+        const int fd = daemon->on_stop_pipe();
+        if (fd < 0 || !(::fcntl(fd, F_GETFD) & FD_CLOEXEC)) return fail("no close-on-exec stop pipe");
+        if (daemon->on_stop_pipe() != -1 || errno != EBUSY) return fail("the stop pipe was handed over twice");
+        char byte;
+        for (int sig : {SIGTERM, SIGINT, SIGHUP})
+            if (::raise(sig) != 0 || ::read(fd, &byte, 1) != 1) return fail("a stop signal wrote nothing");
+        for (int i = 0; i < 100000; ++i) ::raise(SIGTERM);  // more than the pipe holds
+        if (std::signal(SIGPIPE, SIG_DFL) != SIG_IGN) return fail("SIGPIPE is not ignored");
+        return 0;
+    });
+    EXPECT_EQ(o.status, 0) << o.text;
+}
+
+TEST(Framework, RunGivesTheRunHooksValueOrOneWhenInitFailsOrAHookThrows) {
+    const struct {
+        std::function<bool()> init;
+        std::function<int()> run;
+        int status;
+        const char* line;
+    } cases[] = {
+        {[] { return true; }, [] { return 7; }, 7, nullptr},
+        {[] { return false; }, [] { return fail("the run hook ran after a failed init"); }, 1, nullptr},
+        {[]() -> bool { throw std::runtime_error("no memory"); }, nullptr, 1, "error: daemon hook failed: no memory\n"},
+        {[] { return true; }, []() -> int { throw 5; }, 1, "error: daemon hook failed: unknown exception\n"},
+    };
+    for (const auto& c : cases) {
+        const outcome o = in_child([&] {
+            auto daemon = instance({});
+            bool stop = false;
+            daemon->stop_flag = &stop;
+            daemon->init_hook = c.init;
+            daemon->run_hook = c.run;
+            const int status = daemon->run();
+            return stop ? fail("the framework wrote the stop flag") : status;
+        });
+        EXPECT_EQ(o.status, c.status) << o.text;
+        EXPECT_EQ(o.writes, c.line ? std::vector<std::string>{c.line} : std::vector<std::string>{});
+    }
+}
+
+TEST(Log, EachProducedLineIsOneWriteOfLevelPrefixAndMessage) {
+    const std::string long_text(3000, 'x');
+    const outcome o = in_child([&] {
+        using ald::log::level;
+        const ald::basic_string_view<char> file("f.cppXXX", 5), func("fnYYY", 2);
+        ald::log::current_level = 1;
+        errno = 1234;
+        ald::log::print(0, level::warning, file, 12, func, ald::basic_string_view<char>("%d%% of %s", 2), 42, "all");
+        ald::log::print(0, level::info, file, 13, func, "filtered out");
+        ald::log::print(0, level::error, file, 14, func, "%s", long_text.c_str());
+        ald::log::print(0, level::error, file, 15, func, "no arguments, 100%%");
+        ald::log::print(0, level::error, file, 16, func, "bad %", 1);
+        ald::log::current_level = -1;
+        ald::log::print(0, level::error, file, 17, func, "silenced");
+        return errno == 1234 ? 0 : fail("errno changed");
+    });
+    EXPECT_EQ(o.status, 0) << o.text;
+    ASSERT_EQ(o.writes.size(), 4u) << o.text;
+    EXPECT_EQ(o.writes[0], "warning: [f.cpp:12][fn()]: 42% of all\n");
+    EXPECT_EQ(o.writes[1], "error: [f.cpp:14][fn()]: " + long_text + "\n");
+    EXPECT_EQ(o.writes[2], "error: [f.cpp:15][fn()]: no arguments, 100%\n");
+    EXPECT_EQ(o.writes[3].find("error: [f.cpp:16][fn()]: bad %"), 0u) << o.writes[3];
+}
+
+void on_signal(int) {}
+
+TEST(Process, TheChildStartsWithDefaultSignalsAnEmptyMaskAndCloseOnExecDescriptors) {
+    const outcome o = in_child([] {
+        std::signal(SIGTERM, on_signal);
+        std::signal(SIGINT, on_signal);
+        std::signal(SIGPIPE, SIG_IGN);
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &mask, nullptr);
+        const int inherited = ::open("/dev/null", O_RDONLY);
+        const pid_t pid = ald::fork({SIGTERM, SIGINT});
+        sigprocmask(SIG_SETMASK, nullptr, &mask);
+        if (pid != 0) {  // the parent: its own mask back, and the child's verdict
+            int status = 0;
+            ::waitpid(pid, &status, 0);
+            return sigismember(&mask, SIGTERM) ? fail("the parent's mask was not restored") : WEXITSTATUS(status);
+        }
+        struct sigaction action;
+        for (int sig : {SIGTERM, SIGINT, SIGPIPE})
+            if (sigaction(sig, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return fail("a signal kept its action");
+        if (sigismember(&mask, SIGUSR1)) return fail("the mask was kept");
+        return ::fcntl(inherited, F_GETFD) & FD_CLOEXEC ? 0 : fail("a descriptor stays open across exec");
+    });
+    EXPECT_EQ(o.status, 0) << o.text;
+}
+
+TEST(Process, AnEnvironmentStartsAsOursAndSetsReplacesOrRefuses) {
+    ::setenv("ALD_TEST_OLD", "old", 1);
+    size_t ours = 0;
+    while (environ[ours]) ++ours;
+    ald::Environ env;
+    EXPECT_TRUE(env.set("ALD_TEST_NEW", "a=b", true));
+    EXPECT_TRUE(env.set("ALD_TEST_OLD", "new", true));
+    EXPECT_TRUE(env.set("ALD_TEST_NEW", "not this", false));
+    EXPECT_FALSE(env.set("", "x", true));
+    EXPECT_FALSE(env.set("A=B", "x", true));
+    std::vector<std::string> entries;
+    for (char** e = env.to_environ(); *e; ++e) entries.push_back(*e);
+    EXPECT_EQ(entries.size(), ours + 1);
+    EXPECT_EQ(std::count(entries.begin(), entries.end(), "ALD_TEST_OLD=new"), 1);
+    EXPECT_EQ(std::count(entries.begin(), entries.end(), "ALD_TEST_NEW=a=b"), 1);
+    EXPECT_EQ(std::count(entries.begin(), entries.end(), std::string("PATH=") + std::getenv("PATH")), 1);
+}
+
+}  // namespace
