@@ -1,0 +1,120 @@
+// updater.conf: what a failed rewrite leaves behind, where the updater's
+// output goes, and what the two updaters write.
+#include "config.h"
+#include "harness.h"
+#include "state.h"
+
+#include <ald/error.h>
+#include <ald/settings.h>
+
+#include <cerrno>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Config = DaemonTest;
+
+const char kConf[] = "{\n    \"var_path\": \"/var\",\n    \"kept\": [1, {\"a\": null}]\n}\n";
+
+TEST_F(Config, AFailedRewriteLeavesTheFileAsItWasAndNoTemporaryFile) {
+    const struct {
+        const char* call;
+        int err;
+        const char* line;  // the temporary file's random part as XXXXXXXX
+    } failures[] = {
+        {"json_dump_file", EIO, "error write_config: failed to dump new config"},
+        {"rename", EXDEV, "error write_config: failed to rename ETC/.tmp-XXXXXXXX to ETC/updater.conf (errno = 18)"},
+    };
+    for (const auto& f : failures) {
+        SCOPED_TRACE(f.call);
+        put("updater.conf", kConf);
+        fail_call(f.call, 1, f.err);
+        EXPECT_FALSE(write_config(json_ptr(json_object())));
+        EXPECT_EQ(get("updater.conf"), kConf);
+        EXPECT_EQ(std::distance(fs::directory_iterator(etc), {}), 2) << "a temporary file was left";
+        std::string line = log().back();
+        for (auto at = line.find(etc); at != std::string::npos; at = line.find(etc)) line.replace(at, etc.size(), "ETC");
+        if (line.find(".tmp-") != std::string::npos) line.replace(line.find(".tmp-") + 5, 8, "XXXXXXXX");
+        EXPECT_EQ(line, f.line);
+    }
+    fs::remove_all(etc);  // no directory, no temporary file: nothing is made, nothing logged
+    const size_t lines = log().size();
+    EXPECT_FALSE(write_config(json_ptr(json_object())));
+    EXPECT_FALSE(fs::exists(etc));
+    EXPECT_EQ(log().size(), lines);
+}
+
+TEST_F(Config, OutputFileIsVarPathAndTheLogNameOrNothingWithTheReason) {
+    const char* const no_var_path = "failed to locate 'var_path' option in config json";
+    const struct {
+        const char* conf;  // nullptr: no updater.conf
+        const char* file;
+        const char* reason;
+    } cases[] = {
+        {R"({"var_path": "/var/x", "n": 1})", "/var/x/sorvelupd.out_err.log", ""},
+        {R"({"var_path": ""})", "/sorvelupd.out_err.log", ""},
+        {R"({"var_path": 42, "x": {"var_path": "/x"}})", "", no_var_path},
+        {R"([1, 2])", "", no_var_path},
+        {R"({"var_path": "/var")", "", "failed to load config json"},
+        {nullptr, "", "failed to load config json"},
+    };
+    for (const auto& r : cases) {
+        SCOPED_TRACE(r.conf ? r.conf : "no file");
+        fs::remove(etc + "/updater.conf");
+        if (r.conf) put("updater.conf", r.conf);
+        alderrno.clear();
+        EXPECT_EQ(get_redirection_file(), r.file);
+        EXPECT_STREQ(alderrno.message(), r.reason);
+        EXPECT_EQ(alderrno.code(), *r.reason ? 2 : 0);
+    }
+}
+
+TEST_F(Config, AurEnabledIsFalseOnlyForZeroAndRewrittenOnlyWhenTheValueChanged) {
+    const struct {
+        const char* stored;  // nullptr: no value, which counts as 1
+        bool rewritten;
+        const char* aur_enabled;
+    } steps[] = {{nullptr, true, "true"}, {"0\n", true, "false"}, {"0\n", false, "false"}, {"2\n", true, "true"},
+                 {"1\n", true, "true"},  {"-5", true, "true"},    {"not a number\n", true, "true"},
+                 {nullptr, false, "true"}};
+    put("updater.conf", kConf);
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.stored ? step.stored : "no value");
+        fs::remove(etc + "/settings/privacy/aur");
+        if (step.stored) put("settings/privacy/aur", step.stored);
+        const int renames = calls("rename");
+        EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
+        EXPECT_EQ(calls("rename") - renames, step.rewritten ? 1 : 0);
+        EXPECT_EQ(conf_key("aur_enabled"), step.aur_enabled);
+    }
+    EXPECT_EQ(conf_key("kept"), R"([1,{"a":null}])");
+
+    fs::remove(etc + "/updater.conf");  // a value that could not be written is tried again
+    put("settings/privacy/aur", "0\n");
+    EXPECT_FALSE(update_aur_config(ald::kPrivacySettingKey));
+    EXPECT_EQ(log().back(), "error update_aur_config: failed to load config json");
+    put("updater.conf", kConf);
+    EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
+    EXPECT_EQ(conf_key("aur_enabled"), "false");
+}
+
+TEST_F(Config, PcapDeviceLeavesOutNamesThatAreNotUtf8AndFailuresWriteNothing) {
+    put("updater.conf", kConf);
+    lan_interfaces = {"br0", "eth1", "lan\xff", "lan\xc3\xa4"};
+    EXPECT_TRUE(update_lan_config());
+    EXPECT_EQ(conf_key("pcap_device"), "[\"br0\",\"eth1\",\"lan\xc3\xa4\"]");
+    EXPECT_EQ(conf_key("kept"), R"([1,{"a":null}])");
+
+    const std::string written = get("updater.conf");
+    fail_call("json_array", 1);
+    EXPECT_FALSE(update_lan_config());
+    fs::remove(etc + "/updater.conf");
+    EXPECT_FALSE(update_lan_config());
+    EXPECT_EQ(log(), (std::vector<std::string>{"error update_lan_config: failed to allocate json array",
+                                               "error update_lan_config: failed to load config json"}));
+    EXPECT_EQ(calls("rename"), 1);
+}
+
+}  // namespace

@@ -1,0 +1,170 @@
+// main, init and the event loop: what only scripted failures and crafted
+// batches of events reach. The whole job, end to end, is in tests/system.
+#include "harness.h"
+#include "hooks.h"
+#include "state.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+extern "C" int __real_main(int argc, char** argv);
+
+namespace {
+
+using lines = std::vector<std::string>;
+const std::string kStart = "info init: start ald sorvelupd daemon";
+const std::string kStop = "info run: stop ald sorvelupd daemon";
+
+// What stopping an updater that has exited with status 0 logs.
+lines stopped(pid_t pid) {
+    const std::string p = std::to_string(pid);
+    return {"info kill_and_wait_sorvelupd: sent signal #15 to sorvelupd [pid " + p + "]",
+            "info wait_sorvelupd: sorvelupd [pid " + p + "] has exited with status 0"};
+}
+
+lines operator+(lines a, const lines& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+using Hooks = DaemonTest;
+
+TEST_F(Hooks, WithoutAStopPipeMainReturnsOneAndStartsNothing) {
+    fail_call("_ZN3ald6daemon8Instance12on_stop_pipeEv", 1);
+    char name[] = "aldsorvelupdd";
+    char* argv[] = {name, nullptr};
+    EXPECT_EQ(__real_main(1, argv), 1);
+    EXPECT_EQ(log(), (lines{}));
+}
+
+struct init_step {
+    const char* call;  // the wrapped call that fails, and which of its calls
+    int nth;
+    const char* message;
+};
+// epoll_ctl: each descriptor is first modified (ENOENT), then added.
+const init_step kInitSteps[] = {
+    {"epoll_create", 1, "failed to open epoll"},
+    {"epoll_ctl", 2, "failed to add stop exec fd to epoll"},
+    {"sigemptyset", 1, "failed to init signal mask"},
+    {"sigaddset", 1, "failed to add SIGCHLD to signal mask"},
+    {"sigprocmask", 1, "failed to change signal mask"},
+    {"signalfd", 1, "failed to open signal fd"},
+    {"epoll_ctl", 4, "failed to add signal fd to epoll"},
+    {"pipe2", 1, "failed to create update lan pipe"},
+    {"epoll_ctl", 6, "failed to add update lan pipe to epoll"},
+    {"_ZN3ald7setMgmt4initEb", 1, "failed to init aldsetmgmt"},
+    {"_ZN3ald7netMgmt4initEb", 1, "failed to init aldnetmgmt"},
+};
+
+class InitFailure : public DaemonTest, public ::testing::WithParamInterface<init_step> {};
+
+TEST_P(InitFailure, LogsTheStepAndClosesWhatItOpenedAndTheStopPipe) {
+    const std::set<int> before = open_fds();
+    fail_call(GetParam().call, GetParam().nth);
+    EXPECT_FALSE(start());
+    EXPECT_EQ(log(), (lines{kStart, std::string("error init: ") + GetParam().message, "info init: stop ald sorvelupd daemon"}));
+    std::set<int> after = open_fds();
+    for (int fd : before) EXPECT_EQ(after.erase(fd), 1u) << fd << " was closed";
+    EXPECT_EQ(after.size(), 1u) << "more than the stop pipe's write end is left";
+}
+INSTANTIATE_TEST_SUITE_P(EachStep, InitFailure, ::testing::ValuesIn(kInitSteps));
+
+TEST_F(Hooks, InitsDescriptorsAreNonBlockingAndInheritable) {
+    put("updater.conf", "{}");
+    ASSERT_TRUE(start());
+    for (int fd : {signal_fd, lan_pipe[0], lan_pipe[1]}) EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_NONBLOCK) << fd;
+    for (int fd : {epoll_fd, signal_fd, lan_pipe[0], lan_pipe[1]}) EXPECT_FALSE(::fcntl(fd, F_GETFD) & FD_CLOEXEC) << fd;
+    stop();
+    EXPECT_EQ(run(), 0);
+}
+
+// The loop with an updater that has exited before SIGCHLD was blocked, so
+// that nothing reports it: the loop cannot start another (no var_path), and
+// the shutdown reaps it. Every descriptor but the stop pipe's write end is
+// closed at the end.
+class Loop : public DaemonTest {
+protected:
+    void SetUp() override {
+        DaemonTest::SetUp();
+        put("updater.conf", "{}");
+        child = spawn_child(0);
+        before = open_fds();
+        ASSERT_TRUE(start());
+        child_pid = child;
+        last_aur_enabled = 1;
+    }
+    void TearDown() override {
+        EXPECT_EQ(open_fds().size(), before.size() + 1) << "descriptors left open";
+        DaemonTest::TearDown();
+    }
+    // Runs the loop; the stop request comes before the wait of pass `last`.
+    int run_to(int last) {
+        on_wait = [this, last](int pass) {
+            if (pass == last) stop();
+        };
+        return run();
+    }
+    pid_t child = 0;
+    std::set<int> before;
+};
+
+TEST_F(Loop, AnInterruptedWaitWarnsAndTheLoopGoesOn) {
+    fail_call("epoll_wait", 1, EINTR);
+    EXPECT_EQ(run_to(2), 0);
+    EXPECT_EQ(log(), (lines{kStart, "warning run: waiting on epoll was interrupted by a signal"} + stopped(child) + lines{kStop}));
+}
+
+TEST_F(Loop, AFailedWaitShutsDownAndReturnsZero) {
+    fail_call("epoll_wait", 1, EBADF);
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(log(), (lines{kStart, "error run: failed to wait on epoll"} + stopped(child) + lines{kStop}));
+}
+
+TEST_F(Loop, AWatchThatCannotBeRegisteredIsLoggedEveryPass) {
+    fail_call("epoll_ctl", 0, EPERM);
+    EXPECT_EQ(run_to(2), 0);
+    const std::string line = "error run: failed to add notif fd to epoll";
+    EXPECT_EQ(log(), (lines{kStart, line, line} + stopped(child) + lines{kStop}));
+}
+
+// A change seen only by a read that breaks still counts; the broken
+// descriptor is closed and a fresh one sees the next change.
+TEST_F(Loop, AnUnreadableWatchIsClosedAndAFreshOneWatches) {
+    fail_call("read_notifications", 1);
+    on_wait = [this](int pass) {
+        if (pass == 1) put("settings/privacy/aur", "0\n");
+        if (pass == 2) put("settings/privacy/aur", "1\n");
+        if (pass == 3) stop();
+    };
+    const int renames = calls("rename");
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(calls("rename") - renames, 2);
+    EXPECT_EQ(conf_key("aur_enabled"), "true");
+    const std::string no_file = "error start_sorvelupd: failed to get file for redirection";
+    EXPECT_EQ(log(), (lines{kStart} + stopped(child) + lines{no_file, no_file, kStop}));
+}
+
+TEST_F(Loop, QueuedLanWakeUpsCostOneStopAndOneRewrite) {
+    ASSERT_EQ(::write(lan_pipe[1], "...", 3), 3);
+    const int renames = calls("rename");
+    EXPECT_EQ(run_to(2), 0);
+    EXPECT_EQ(calls("rename") - renames, 1);
+    EXPECT_EQ(log(), (lines{kStart} + stopped(child) + lines{"error start_sorvelupd: failed to get file for redirection", kStop}));
+}
+
+TEST_F(Loop, AStopThatComesWithTheUpdatersExitStartsNoOther) {
+    put("updater.conf", "{\"var_path\": \"/\"}");
+    const pid_t exited = child_pid = spawn_child(0);  // SIGCHLD is blocked now: its record waits
+    pollfd ready{signal_fd, POLLIN, 0};
+    ASSERT_EQ(::poll(&ready, 1, 5000), 1);
+    stop();
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(calls("_ZN3ald4forkESt16initializer_listIiE"), 0);
+    EXPECT_EQ(pauses, 1);
+    EXPECT_EQ(log(), (lines{kStart, stopped(exited)[1], kStop}));
+}
+
+}  // namespace

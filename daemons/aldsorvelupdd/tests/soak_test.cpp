@@ -1,0 +1,74 @@
+// Restarts of the whole daemon, main included, on the real platform
+// library: every updater fails at once (its output directory is missing),
+// and the pause after each reap, free here, is where the daemon is looked
+// at. It has no child then, and after the last restart its descriptors and
+// heap are what they were after the 100th. ALD_SOAK_CYCLES sets the number
+// of restarts (default 1000).
+#include "harness.h"
+#include "state.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <malloc.h>
+
+extern "C" int __real_main(int argc, char** argv);
+// Present in sanitized builds, whose allocator is not malloc's.
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+namespace {
+
+using Soak = DaemonTest;
+
+// Exact only without malloc's per-thread cache, whose chunks count as in
+// use: the test runs with it turned off.
+size_t heap() {
+    return __sanitizer_get_current_allocated_bytes ? __sanitizer_get_current_allocated_bytes() : mallinfo2().uordblks;
+}
+
+std::string children() {
+    std::ifstream in("/proc/thread-self/children");
+    std::string text;
+    std::getline(in, text);
+    return text;
+}
+
+TEST_F(Soak, RestartsLeaveNoChildAndNoGrowth) {
+    const char* wanted = std::getenv("ALD_SOAK_CYCLES");
+    const int cycles = std::max(101, wanted ? std::atoi(wanted) : 1000);
+    put("updater.conf", "{\"var_path\": \"" + etc + "/missing\"}");
+    std::set<int> warm_fds, last_fds;
+    size_t warm_heap = 0, last_heap = 0;
+    int with_child = 0;
+    on_pause = [&] {
+        if (child_pid != 0 || !children().empty()) ++with_child;
+        if (pauses == 100) {
+            warm_fds = open_fds();  // the set is part of both heap figures
+            warm_heap = heap();
+        } else if (pauses == cycles) {
+            last_heap = heap();
+            last_fds = open_fds();
+            stop_requested = true;
+        }
+    };
+    char name[] = "aldsorvelupdd";
+    char* argv[] = {name, nullptr};
+    EXPECT_EQ(__real_main(1, argv), 0);
+
+    EXPECT_EQ(pauses, cycles);
+    EXPECT_EQ(with_child, 0) << "pauses with a child left";
+    EXPECT_EQ(last_fds, warm_fds);
+    EXPECT_EQ(last_heap, warm_heap);
+    int forks = 0, exits = 0;
+    for (const std::string& line : log()) {
+        forks += line.rfind("info start_sorvelupd: fork sorvelupd [pid ", 0) == 0;
+        exits += line.find("] has exited with status 1") != std::string::npos;
+    }
+    EXPECT_EQ(forks, cycles);
+    EXPECT_EQ(exits, cycles);
+    EXPECT_EQ(log().size(), 2u + 2u * static_cast<unsigned>(cycles)) << "start, stop, a fork and an exit a cycle";
+    std::cout << "soak: " << cycles << " restarts; " << warm_fds.size() << " descriptors and " << warm_heap
+              << " heap bytes after the 100th, " << last_fds.size() << " and " << last_heap << " after the last\n";
+}
+
+}  // namespace

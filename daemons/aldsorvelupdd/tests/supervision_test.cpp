@@ -1,0 +1,133 @@
+// The updater's launch, reap and stop where the system tests cannot steer
+// them: a failed fork, crafted signal records, and the stop series against
+// children that will not die or are not the daemon's, the pauses free.
+#include "harness.h"
+#include "state.h"
+#include "supervision.h"
+
+#include <algorithm>
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace {
+
+using Supervision = DaemonTest;
+
+// `text` with any "%d" as `pid`.
+std::string with_pid(std::string text, pid_t pid) {
+    const auto at = text.find("%d");
+    return at == std::string::npos ? text : text.replace(at, 2, std::to_string(pid));
+}
+
+TEST_F(Supervision, AFailedForkIsLoggedAndLeavesNoChildRecorded) {
+    put("updater.conf", "{\"var_path\": \"/\"}");
+    fail_call("_ZN3ald4forkESt16initializer_listIiE", 1);
+    start_sorvelupd();
+    EXPECT_EQ(child_pid, 0);
+    EXPECT_EQ(log(), (std::vector<std::string>{"error start_sorvelupd: failed to fork sorvelupd",
+                                               "info start_sorvelupd: fork sorvelupd [pid 0]"}));
+}
+
+TEST_F(Supervision, OnlyASigchldFromTheUpdaterReapsItAndPauses) {
+    const struct {
+        int signo;  // 0: no record to read
+        bool from_updater, exited;
+        const char* line;  // logged, "%d": the updater
+    } records[] = {
+        {SIGCHLD, true, true, "info wait_sorvelupd: sorvelupd [pid %d] has exited with status 4"},
+        {SIGCHLD, true, false, "warning wait_sorvelupd: sorvelupd [pid %d] is still running"},  // stopped, say
+        {SIGCHLD, false, true, nullptr},
+        {SIGTERM, true, true, nullptr},
+        {0, true, true, "error process_signal: failed to read signal info"},
+    };
+    for (const auto& r : records) {
+        const pid_t updater = child_pid = spawn_child(r.exited ? 4 : kStubborn);
+        int pipe[2];
+        ASSERT_EQ(::pipe2(pipe, O_NONBLOCK), 0);
+        signalfd_siginfo record{};
+        record.ssi_signo = static_cast<uint32_t>(r.signo);
+        record.ssi_pid = static_cast<uint32_t>(r.from_updater ? updater : updater + 1);
+        if (r.signo != 0) (void)!::write(pipe[1], &record, sizeof record);
+        signal_fd = pipe[0];
+        const size_t logged = log().size();
+        const int paused = pauses;
+        process_signal();
+        ::close(pipe[0]);
+        ::close(pipe[1]);
+        const bool reaped = r.signo == SIGCHLD && r.from_updater;
+        std::vector<std::string> lines = log();
+        lines.erase(lines.begin(), lines.begin() + static_cast<long>(logged));
+        EXPECT_EQ(lines, r.line ? std::vector<std::string>{with_pid(r.line, updater)} : std::vector<std::string>{});
+        EXPECT_EQ(child_pid, reaped ? 0 : updater) << "forgotten";
+        EXPECT_EQ(pauses - paused, reaped ? 1 : 0);
+    }
+}
+
+enum class target { none, exited, stubborn, not_ours };
+const char kSent15[] = "info kill_and_wait_sorvelupd: sent signal #15 to sorvelupd [pid %d]";
+const char kFailed9[] = "error kill_and_wait_sorvelupd: failed to send signal #9 to sorvelupd [pid %d]";
+struct stop_case {
+    target child;
+    bool kill_fails;
+    std::vector<std::pair<const char*, int>> lines;  // each line ("%d": the pid) and how often
+    int pauses;
+    bool reaped;
+};
+const stop_case kStops[] = {
+    {target::none, false, {}, 0, true},
+    {target::exited, false, {{kSent15, 1}, {"info wait_sorvelupd: sorvelupd [pid %d] has exited with status 3", 1}}, 0, true},
+    {target::stubborn,  // 16 SIGTERMs, then SIGKILL to the group, grandchild included
+     false,
+     {{kSent15, 16},
+      {"warning wait_sorvelupd: sorvelupd [pid %d] is still running", 16},
+      {"info kill_and_wait_sorvelupd: sent signal #9 to sorvelupd [pid %d]", 1},
+      {"info wait_sorvelupd: sorvelupd [pid %d] has exited", 1}},
+     16,
+     true},
+    {target::stubborn,
+     true,
+     {{"error kill_and_wait_sorvelupd: failed to send signal #15 to sorvelupd [pid %d]", 16}, {kFailed9, 2}},
+     18,
+     false},
+    {target::not_ours,  // the grandchild: no child to wait for, no group to kill
+     false,
+     {{kSent15, 16}, {"error wait_sorvelupd: failed to wait for sorvelupd [pid %d]", 16}, {kFailed9, 2}},
+     18,
+     false},
+};
+
+class StopSeries : public DaemonTest, public ::testing::WithParamInterface<stop_case> {};
+
+TEST_P(StopSeries, LogsEveryAttemptAndPausesAfterEachThatDidNotReap) {
+    const stop_case& c = GetParam();
+    pid_t grandchild = 0;
+    if (c.child == target::exited) child_pid = spawn_child(3);
+    if (c.child == target::stubborn || c.child == target::not_ours) {
+        const std::string child = std::to_string(child_pid = spawn_child(kStubborn));
+        std::string children;
+        while (children.empty()) std::getline(std::ifstream("/proc/" + child + "/task/" + child + "/children"), children);
+        grandchild = std::stoi(children);
+        if (c.child == target::not_ours) child_pid = grandchild;
+    }
+    if (c.kill_fails) fail_call("kill", 0, EPERM);
+    const pid_t pid = child_pid;
+    kill_and_wait_sorvelupd();
+    const std::vector<std::string> lines = log();
+    size_t expected = 0;
+    for (const auto& line : c.lines) {
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), with_pid(line.first, pid)), line.second) << line.first;
+        expected += static_cast<size_t>(line.second);
+    }
+    EXPECT_EQ(lines.size(), expected);
+    EXPECT_EQ(pauses, c.pauses);
+    EXPECT_EQ(child_pid, c.reaped ? 0 : pid);
+    if (c.child != target::stubborn || !c.reaped) return;
+    for (int tries = 0; alive(grandchild) && tries < 200; ++tries) ::usleep(10000);
+    EXPECT_FALSE(alive(grandchild)) << "the updater's own child survived in its group";
+}
+INSTANTIATE_TEST_SUITE_P(Cases, StopSeries, ::testing::ValuesIn(kStops));
+
+}  // namespace
