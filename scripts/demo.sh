@@ -132,7 +132,7 @@ walk() {
     run kill -KILL "$(updater_pid)"
     restart_after 3 "the updater's death" || return
     show_restart 3
-    printf '   started %s ms after the kill\n' $(($(started_ms "$(updater_pid)") - t0))
+    printf '   started %s ms after the kill\n' $(($(updater_rec "$(updater_pid)" started) - t0))
 
     [ "$interactive" = 1 ] || return 0
     say "The sandbox stays up. From another terminal, as root:"
