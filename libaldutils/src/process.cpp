@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -36,6 +37,7 @@ void cloexec_above_stderr() {
 }  // namespace
 
 pid_t fork(std::initializer_list<int> default_signals) {
+    const pid_t parent = ::getpid();
     sigset_t all, saved;
     sigfillset(&all);
     if (pthread_sigmask(SIG_SETMASK, &all, &saved) != 0) return -1;
@@ -47,13 +49,20 @@ pid_t fork(std::initializer_list<int> default_signals) {
         return pid;
     }
     // Child: every signal is still blocked, so no inherited handler can run
-    // before the dispositions are reset.
-    struct sigaction dfl;
+    // before the dispositions are reset. A handler would act for the parent
+    // (write into its stop pipe, say); an ignored signal would stay ignored
+    // across exec.
+    struct sigaction dfl, old;
     std::memset(&dfl, 0, sizeof dfl);
     dfl.sa_handler = SIG_DFL;
     sigemptyset(&dfl.sa_mask);
     for (int sig : default_signals) ::sigaction(sig, &dfl, nullptr);
-    ::sigaction(SIGPIPE, &dfl, nullptr);
+    for (int sig = 1; sig < NSIG; ++sig)
+        if (::sigaction(sig, nullptr, &old) == 0 && old.sa_handler != SIG_DFL) ::sigaction(sig, &dfl, nullptr);
+    // The child must not outlive the parent: a parent restarted by its
+    // service manager would start a second one beside it. The signal is only
+    // sent for a death after prctl, so a parent already gone is checked for.
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent) ::_exit(1);
     cloexec_above_stderr();
     sigset_t none;
     sigemptyset(&none);

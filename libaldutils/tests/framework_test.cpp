@@ -3,6 +3,7 @@
 // instance, handlers, exits) runs in forked children.
 #include <ald/daemon.h>
 #include <ald/log.h>
+#include <ald/network.h>
 #include <ald/process.h>
 
 #include <gtest/gtest.h>
@@ -11,8 +12,10 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -85,11 +88,15 @@ TEST(Framework, OptionsSetTheLogLevelPrintHelpOrEndInAUsageError) {
     }
 }
 
-TEST(Framework, EachStopSignalMakesTheStopPipeReadableAndNoBurstBlocksTheHandler) {
+TEST(Framework, WithoutStandardDescriptorsEachStopSignalStillReachesTheStopPipe) {
     const outcome o = in_child([] {
+        const int report = ::dup(2);  // started as a careless init script does: 0, 1 and 2 closed
+        for (int fd : {0, 1, 2}) ::close(fd);
         auto daemon = instance({});
         const int fd = daemon->on_stop_pipe();
-        if (fd < 0 || !(::fcntl(fd, F_GETFD) & FD_CLOEXEC)) return fail("no close-on-exec stop pipe");
+        ::dup2(report, 2);
+        if (fd <= report) return fail("the stop pipe took a standard descriptor");
+        if (!(::fcntl(fd, F_GETFD) & FD_CLOEXEC)) return fail("no close-on-exec stop pipe");
         if (daemon->on_stop_pipe() != -1 || errno != EBUSY) return fail("the stop pipe was handed over twice");
         char byte;
         for (int sig : {SIGTERM, SIGINT, SIGHUP})
@@ -110,8 +117,10 @@ TEST(Framework, RunGivesTheRunHooksValueOrOneWhenInitFailsOrAHookThrows) {
     } cases[] = {
         {[] { return true; }, [] { return 7; }, 7, nullptr},
         {[] { return false; }, [] { return fail("the run hook ran after a failed init"); }, 1, nullptr},
-        {[]() -> bool { throw std::runtime_error("no memory"); }, nullptr, 1, "error: daemon hook failed: no memory\n"},
+        {[]() -> bool { ald::netMgmt::init(true), throw std::runtime_error("no memory"); }, nullptr, 1,
+         "error: daemon hook failed: no memory\n"},
         {[] { return true; }, []() -> int { throw 5; }, 1, "error: daemon hook failed: unknown exception\n"},
+        {[] { return true; }, []() -> int { ald::log::current_level = -1, throw 5; }, 1, nullptr},
     };
     for (const auto& c : cases) {
         const outcome o = in_child([&] {
@@ -121,6 +130,8 @@ TEST(Framework, RunGivesTheRunHooksValueOrOneWhenInitFailsOrAHookThrows) {
             daemon->init_hook = c.init;
             daemon->run_hook = c.run;
             const int status = daemon->run();
+            if (std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}) != 1)
+                return fail("a thread the library started is still running");
             return stop ? fail("the framework wrote the stop flag") : status;
         });
         EXPECT_EQ(o.status, c.status) << o.text;
@@ -158,7 +169,9 @@ TEST(Process, TheChildStartsWithDefaultSignalsAnEmptyMaskAndCloseOnExecDescripto
     const outcome o = in_child([] {
         std::signal(SIGTERM, on_signal);
         std::signal(SIGINT, on_signal);
+        std::signal(SIGHUP, on_signal);
         std::signal(SIGPIPE, SIG_IGN);
+        std::signal(SIGQUIT, SIG_IGN);
         sigset_t mask;
         sigemptyset(&mask);
         sigaddset(&mask, SIGUSR1);
@@ -172,8 +185,11 @@ TEST(Process, TheChildStartsWithDefaultSignalsAnEmptyMaskAndCloseOnExecDescripto
             return sigismember(&mask, SIGTERM) ? fail("the parent's mask was not restored") : WEXITSTATUS(status);
         }
         struct sigaction action;
-        for (int sig : {SIGTERM, SIGINT, SIGPIPE})
+        for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGQUIT})
             if (sigaction(sig, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return fail("a signal kept its action");
+        int on_parent_death = 0;
+        if (::prctl(PR_GET_PDEATHSIG, &on_parent_death) != 0 || on_parent_death != SIGTERM)
+            return fail("the child outlives its parent");
         if (sigismember(&mask, SIGUSR1)) return fail("the mask was kept");
         return ::fcntl(inherited, F_GETFD) & FD_CLOEXEC ? 0 : fail("a descriptor stays open across exec");
     });

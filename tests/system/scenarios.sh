@@ -150,6 +150,28 @@ scenario_crash() {
     echo "crash: $kills kills, $torn torn files, $left temporary files left behind"
 }
 
+# The daemon under runsv, killed with SIGKILL three times and restarted by
+# runsv each time: its updater goes with it, so exactly one ever runs.
+scenario_respawn() {
+    local svc=$SB_WORK/service i old
+    one_updater() { [ "$(for p in $(awk '$1 == "start" {print $2}' "$SB_UPDATER_DIR/events"); do
+        alive "$p" && echo "$p"; done | wc -l)" = 1 ]; }
+    conf_write
+    mkdir -p "$svc"
+    printf '#!/bin/sh\nexec %s 2>>%s\n' "$SB_STAGE/sbin/aldsorvelupdd" "$SB_LOG" >"$svc/run"
+    chmod +x "$svc/run"
+    runsv "$svc" &
+    for ((i = 1; i <= 3; i++)); do
+        await 5 "updater $i" starts_reach $i
+        old=$(updater_pid $i)
+        kill -KILL "$(cat "$svc/supervise/pid")"
+        await 5 "updater $((i + 1)) after the daemon's restart" starts_reach $((i + 1))
+        wait_until 5 one_updater || fail "kill $i: updater $old outlived its daemon"
+    done
+    kill -TERM $!
+    wait $!
+}
+
 scenario=${1:?usage: $0 SCENARIO STAGE} stage=${2:?usage: $0 SCENARIO STAGE}
 if [ -z "${SANDBOX_INSIDE:-}" ]; then
     [ -x "$stage/sbin/aldsorvelupdd" ] || { echo "no installed daemon in $stage" >&2; exit 1; }

@@ -10,9 +10,11 @@ namespace ald {
 // fork(2) made safe for a daemon with handlers and threads. The parent blocks
 // every signal around the fork and restores its own mask, so none of its
 // handlers runs in the child. In the child, before 0 is returned, the listed
-// signals and SIGPIPE get their default action, the signal mask is emptied,
-// and every descriptor above 2 is marked close-on-exec; only
-// async-signal-safe calls are made there. Returns the child's pid in the
+// signals and every signal with a handler or ignored get their default
+// action, SIGTERM is set as the parent-death signal (a child whose parent is
+// already gone exits with status 1), the signal mask is emptied, and every
+// descriptor above 2 is marked close-on-exec; only async-signal-safe calls
+// are made there. Returns the child's pid in the
 // parent, 0 in the child, -1 (errno set) on failure.
 pid_t fork(std::initializer_list<int> default_signals);
 
