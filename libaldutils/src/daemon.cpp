@@ -1,6 +1,7 @@
 // The daemon framework: options, the stop pipe and its signals, the hooks.
 #include <ald/daemon.h>
 #include <ald/log.h>
+#include <ald/network.h>
 
 #include <cerrno>
 #include <climits>
@@ -100,10 +101,22 @@ void parse_options(int argc, char** argv) {
     if (optind < argc) usage_error(name, "unexpected operand", argv[optind]);
 }
 
+// The line goes through the threshold like every statement's.
+void hook_failed(const char* what) {
+    if (log::current_level < static_cast<int>(log::level::error)) return;
+    log::print(0, log::level::error, basic_string_view<char>(std::string("daemon hook failed: ") + what));
+}
+
 }  // namespace
 
 std::shared_ptr<Instance> instance(int argc, char** argv) {
     if (auto existing = current().lock()) return existing;
+    // Started with 0, 1 or 2 closed, the first descriptor made would take
+    // its place: a stop pipe on 2 would receive the first log line.
+    int fd;
+    while ((fd = ::open("/dev/null", O_RDWR)) >= 0 && fd <= 2) {
+    }
+    if (fd > 2) ::close(fd);
     parse_options(argc, argv);
     std::signal(SIGPIPE, SIG_IGN);
     std::shared_ptr<Instance> made(new Instance);
@@ -157,13 +170,14 @@ int Instance::run() {
         if (!init_hook || !init_hook()) return 1;
         return run_hook ? run_hook() : 0;
     } catch (const std::exception& e) {
-        std::string line = std::string("daemon hook failed: ") + e.what();
-        log::print(0, log::level::error, basic_string_view<char>(line));
-        return 1;
+        hook_failed(e.what());
     } catch (...) {
-        log::print(0, log::level::error, "daemon hook failed: unknown exception");
-        return 1;
+        hook_failed("unknown exception");
     }
+    // The hooks' own cleanup was skipped: the monitor thread the library
+    // started must not run on into static destruction.
+    netMgmt::uninit();
+    return 1;
 }
 
 Instance::~Instance() {
