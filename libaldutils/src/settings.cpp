@@ -165,29 +165,29 @@ int getKey(const std::string& key, std::string& value) {
         errno = EINVAL;
         return -1;
     }
-    // O_NONBLOCK so that a FIFO planted in the store cannot hang the reader.
-    int fd = ::open(key_file(key).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    // Only a regular file of the store holds a value: O_NOFOLLOW keeps a link
+    // from leading out of it, O_NONBLOCK a FIFO from hanging the reader, and
+    // the size cap a device or a huge file from exhausting memory.
+    int fd = ::open(key_file(key).c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return -1;
     struct stat st;
-    int err = ::fstat(fd, &st) != 0 ? errno : S_ISDIR(st.st_mode) ? EISDIR : S_ISREG(st.st_mode) ? 0 : EINVAL;
+    int err = ::fstat(fd, &st) != 0    ? errno
+              : S_ISDIR(st.st_mode)    ? EISDIR
+              : !S_ISREG(st.st_mode)   ? EINVAL
+              : st.st_size > static_cast<off_t>(kMaxValueSize) ? EFBIG
+                                       : 0;
+    std::string text;
+    char buf[4096];
+    for (ssize_t n = 1; err == 0 && n != 0;) {
+        n = ::read(fd, buf, sizeof buf);
+        if (n < 0 && errno != EINTR) err = errno;
+        if (n > 0) text.append(buf, static_cast<std::size_t>(n));
+        if (text.size() > kMaxValueSize) err = EFBIG;
+    }
     if (err != 0) {
         ::close(fd);
         errno = err;
         return -1;
-    }
-    std::string text;
-    char buf[4096];
-    for (;;) {
-        ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n == 0) break;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            err = errno;
-            ::close(fd);
-            errno = err;
-            return -1;
-        }
-        text.append(buf, static_cast<std::size_t>(n));
     }
     ::close(fd);
     if (!text.empty() && text.back() == '\n') text.pop_back();

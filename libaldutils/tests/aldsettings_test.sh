@@ -36,6 +36,11 @@ expect 1 "" "aldsettings: /a: no such key" del /a
 expect 1 "" "aldsettings: /a: no such key" list /a
 expect 2 "" "aldsettings: a/b: invalid key: *" get a/b
 expect 2 "" "aldsettings: /: the root of the store cannot be deleted" del /
+store=$ALD_ROOT/etc/aldrana/settings
+ln -s /dev/zero "$store/zero" && mkfifo "$store/fifo" && truncate -s 17M "$store/big" || exit 1
+expect 1 "" "aldsettings: /zero: is a symbolic link, which reads as no value" get /zero
+expect 1 "" "aldsettings: /fifo: is not a regular file, which reads as no value" get /fifo
+expect 1 "" "aldsettings: /big: holds more than 16 MiB, which reads as no value" get /big
 expect 2 "" "aldsettings: missing command (usage: *)"
 expect 2 "" "aldsettings: unknown command \"put\" (usage: *)" put /a x
 expect 2 "" "aldsettings: missing operands (usage: *)" set /a

@@ -57,6 +57,10 @@ int get(const std::string& key) {
     if (ald::setMgmt::getKey(key, value) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) return fail(kFailed, key, "no such key");
         if (errno == EISDIR) return fail(kFailed, key, "is a directory key, it has no value");
+        // What a reader of the store takes for a missing key, and why.
+        if (errno == ELOOP) return fail(kFailed, key, "is a symbolic link, which reads as no value");
+        if (errno == EINVAL) return fail(kFailed, key, "is not a regular file, which reads as no value");
+        if (errno == EFBIG) return fail(kFailed, key, "holds more than 16 MiB, which reads as no value");
         return fail(kFailed, key, because("cannot read"));
     }
     value += '\n';

@@ -37,10 +37,14 @@ std::string store_directory();
 // Whether `key` is a valid key (see above).
 bool valid_key(const std::string& key);
 
+// The largest value a key can hold, in bytes.
+constexpr std::size_t kMaxValueSize = 16 << 20;
 // 0 and the value, or -1 with errno set and `value` untouched: ENOENT or
 // ENOTDIR for a missing key, EINVAL for an invalid key or one that is not a
-// regular file (a FIFO never blocks the reader), EISDIR for a directory key,
-// the read's error for an unreadable one.
+// regular file (a FIFO or device never blocks the reader), ELOOP for a
+// symbolic link (never followed), EFBIG for a file larger than
+// kMaxValueSize, EISDIR for a directory key, the read's error for an
+// unreadable one. Each of them reads as a missing key.
 int getKey(const std::string& key, std::string& value);
 // 0 and the visible subkey names in byte order (an empty directory gives an
 // empty list), or -1 with errno set and `names` untouched for a missing,
