@@ -5,7 +5,6 @@
 #include "state.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -71,15 +70,6 @@ TEST_P(InitFailure, LogsTheStepAndClosesWhatItOpenedAndTheStopPipe) {
     EXPECT_EQ(after.size(), 1u) << "more than the stop pipe's write end is left";
 }
 INSTANTIATE_TEST_SUITE_P(EachStep, InitFailure, ::testing::ValuesIn(kInitSteps));
-
-TEST_F(Hooks, InitsDescriptorsAreNonBlockingAndInheritable) {
-    put("updater.conf", "{}");
-    ASSERT_TRUE(start());
-    for (int fd : {signal_fd, lan_pipe[0], lan_pipe[1]}) EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_NONBLOCK) << fd;
-    for (int fd : {epoll_fd, signal_fd, lan_pipe[0], lan_pipe[1]}) EXPECT_FALSE(::fcntl(fd, F_GETFD) & FD_CLOEXEC) << fd;
-    stop();
-    EXPECT_EQ(run(), 0);
-}
 
 // The loop with an updater that has exited before SIGCHLD was blocked, so
 // that nothing reports it: the loop cannot start another (no var_path), and
