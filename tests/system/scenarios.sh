@@ -48,6 +48,7 @@ scenario_first_start() {
     settings set $env/ALDT_ONE "one two=2"
     settings set $env/ALDT_SHADOW store
     settings set $env/ALDT_DIR/x "a key with subkeys is no variable"
+    settings set $env/ALDT_EQ=X "a name with = is no variable"
     old=$(printf '%0200d' 0)
     printf '%s' "$old" >"$out"
     conf_write
