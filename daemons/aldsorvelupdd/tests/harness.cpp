@@ -27,6 +27,7 @@ int pauses = 0;
 std::function<void()> on_pause;
 std::function<void(int)> on_wait;
 lan_change_callback lan_callback;
+std::function<void()> on_uninit;
 
 namespace {
 
@@ -89,6 +90,12 @@ extern "C" void __wrap__ZN3ald7netMgmt27set_on_lan_interface_changeESt8functionI
     lan_change_callback callback) {
     lan_callback = callback;
     __real__ZN3ald7netMgmt27set_on_lan_interface_changeESt8functionIFvRKSt6vectorINS0_9InterfaceESaIS3_EEEE(callback);
+}
+
+extern "C" void __real__ZN3ald7netMgmt6uninitEv();
+extern "C" void __wrap__ZN3ald7netMgmt6uninitEv() {
+    if (on_uninit) on_uninit();
+    __real__ZN3ald7netMgmt6uninitEv();
 }
 
 // Once a SIGKILL is delivered, its target is dead before the daemon polls:
@@ -156,6 +163,7 @@ void DaemonTest::SetUp() {
     pauses = 0;
     on_pause = nullptr;
     on_wait = nullptr;
+    on_uninit = nullptr;
     log_file_ = std::string(root) + "/daemon.log";
     saved_stderr_ = ::fcntl(2, F_DUPFD_CLOEXEC, 3);
     const int fd = ::open(log_file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -169,6 +177,7 @@ void DaemonTest::TearDown() {
     if (child_pid > 0) ::killpg(child_pid, SIGKILL);
     while (__real_waitpid(-1, nullptr, WNOHANG) > 0) {
     }
+    on_uninit = nullptr;
     ald::netMgmt::uninit();
     if (stop_write_ >= 0) ::close(stop_write_);
     stop_write_ = -1;

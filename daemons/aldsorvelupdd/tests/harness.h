@@ -21,6 +21,7 @@ extern int pauses;                               // sleep() calls of the daemon 
 extern std::function<void()> on_pause;           // at each of them
 extern std::function<void(int pass)> on_wait;    // before each epoll_wait, numbered from 1
 extern ald::netMgmt::lan_change_callback lan_callback;  // what init registered
+extern std::function<void()> on_uninit;         // as the network client is about to stop
 
 // A child in a process group of its own: one that has exited with `status`
 // (0 to 255; a zombie until reaped), or for kStubborn one that ignores

@@ -5,6 +5,7 @@
 #include "state.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -135,6 +136,15 @@ TEST_F(Loop, AnUnreadableWatchIsClosedAndAFreshOneWatches) {
     EXPECT_EQ(conf_key("aur_enabled"), "true");
     const std::string no_file = "error start_sorvelupd: failed to get file for redirection";
     EXPECT_EQ(log(), (lines{kStart} + stopped(child) + lines{no_file, no_file, kStop}));
+}
+
+// A LAN change reported until the network client has stopped must find
+// its pipe, not a descriptor closed, or taken by something else, since.
+TEST_F(Loop, TheLanPipeOutlivesTheNetworkClient) {
+    bool pipe_open = false;
+    on_uninit = [&] { pipe_open = ::fcntl(lan_pipe[1], F_GETFD) != -1; };
+    EXPECT_EQ(run_to(1), 0);
+    EXPECT_TRUE(pipe_open);
 }
 
 TEST_F(Loop, QueuedLanWakeUpsCostOneStopAndOneRewrite) {
