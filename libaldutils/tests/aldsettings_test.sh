@@ -41,9 +41,17 @@ ln -s /dev/zero "$store/zero" && mkfifo "$store/fifo" && truncate -s 17M "$store
 expect 1 "" "aldsettings: /zero: is a symbolic link, which reads as no value" get /zero
 expect 1 "" "aldsettings: /fifo: is not a regular file, which reads as no value" get /fifo
 expect 1 "" "aldsettings: /big: holds more than 16 MiB, which reads as no value" get /big
+long=$(head -c 4100 /dev/zero | tr '\0' k)
+expect 2 "" "aldsettings: /a?b: invalid key: it holds a control character" set "/a${nl}b" x
+expect 2 "" "aldsettings: /kkk*k...: invalid key: longer than 4096 bytes" get "/$long"
+expect 2 "" "aldsettings: /a/kkk*: invalid key: a component is longer than 255 bytes" set "/a/${long%???????????????????????????????????????????????}" x
+head -c 200000 /dev/zero | tr '\0' v >"$ALD_ROOT/value" && echo >>"$ALD_ROOT/value"
+expect 0 "" "" set /stdin - <"$ALD_ROOT/value"  # beyond what one argument can hold
+[ "$("$tool" get /stdin | cmp - "$ALD_ROOT/value" && echo same)" = same ] || { echo "FAIL: set /stdin -" >&2; failures=$((failures + 1)); }
+head -c 16777217 /dev/zero | expect 2 "" "aldsettings: /big: the value is longer than 16 MiB" set /big -
 expect 2 "" "aldsettings: missing command (usage: *)"
 expect 2 "" "aldsettings: unknown command \"put\" (usage: *)" put /a x
 expect 2 "" "aldsettings: missing operands (usage: *)" set /a
 expect 2 "" "aldsettings: too many operands (usage: *)" get /a /b
-expect 0 "usage: aldsettings get KEY | set KEY VALUE | del KEY | list KEY$nl*" "" --help
+expect 0 "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY$nl*" "" --help
 exit $((failures > 0))

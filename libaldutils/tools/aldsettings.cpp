@@ -2,6 +2,7 @@
 #include <ald/settings.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -13,17 +14,19 @@ constexpr int kOk = 0;
 constexpr int kFailed = 1;  // missing key, wrong kind of key, store not readable or writable
 constexpr int kUsage = 2;   // bad usage, invalid key
 
-const char kUsageLine[] = "usage: aldsettings get KEY | set KEY VALUE | del KEY | list KEY";
+const char kUsageLine[] = "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY";
 
 const char kHelp[] =
     "\n"
     "  get KEY        print the key's value and a newline\n"
     "  set KEY VALUE  store VALUE, creating missing parent keys; a reader sees\n"
     "                 the old value or the new one, never a part\n"
+    "  set KEY -      store standard input, less one trailing newline (at most 16 MiB)\n"
     "  del KEY        remove the key, and every key under it\n"
     "  list KEY       print the names of the key's subkeys, one a line, in byte order\n"
     "\n"
-    "A KEY starts with \"/\" and has no empty, \".\" or \"..\" component; \"/\" is the\n"
+    "A KEY starts with \"/\" and has no empty, \".\" or \"..\" component, no control\n"
+    "character, at most 255 bytes a component and 4096 in all; \"/\" is the\n"
     "root of the store. A directory key has subkeys and no value; a value key has\n"
     "a value and no subkeys.\n"
     "\n"
@@ -31,7 +34,7 @@ const char kHelp[] =
     "  0  success\n"
     "  1  the key is missing, is of the wrong kind (get or set of a directory key,\n"
     "     list of a value key), or the store could not be read or changed\n"
-    "  2  bad usage, an invalid key, or del of the root \"/\"\n";
+    "  2  bad usage, an invalid key, a value over 16 MiB, or del of the root \"/\"\n";
 
 int fail(int status, const std::string& key, const std::string& what) {
     std::fprintf(stderr, "aldsettings: %s: %s\n", key.c_str(), what.c_str());
@@ -100,6 +103,41 @@ int list(const std::string& key) {
     return finish();
 }
 
+// Why the store cannot keep `key`, or nullptr. A control character would
+// make the key unprintable in every listing and error line.
+const char* refused(const std::string& key) {
+    if (key.size() > PATH_MAX) return "longer than 4096 bytes";
+    for (unsigned char c : key)
+        if (c < 0x20 || c == 0x7f) return "it holds a control character";
+    if (!ald::setMgmt::valid_key(key)) return "it must start with \"/\" and have no empty, \".\" or \"..\" component";
+    for (std::size_t at = 0, next; at != std::string::npos; at = next) {
+        next = key.find('/', at + 1);
+        if ((next == std::string::npos ? key.size() : next) - at - 1 > NAME_MAX) return "a component is longer than 255 bytes";
+    }
+    return nullptr;
+}
+
+// The key as an error line can show it: control characters as '?', at
+// most 64 bytes.
+std::string shown(const std::string& key) {
+    std::string text = key.size() > 64 ? key.substr(0, 61) + "..." : key;
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    return text;
+}
+
+// Standard input is the key's file: one trailing newline ends the value.
+int set_from_stdin(const std::string& key) {
+    std::string value;
+    char buf[65536];
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, stdin)) > 0 && value.size() <= ald::setMgmt::kMaxValueSize;)
+        value.append(buf, n);
+    if (std::ferror(stdin)) return fail(kFailed, key, because("cannot read standard input"));
+    if (value.size() > ald::setMgmt::kMaxValueSize) return fail(kUsage, key, "the value is longer than 16 MiB");
+    if (!value.empty() && value.back() == '\n') value.pop_back();
+    return set(key, value);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -114,9 +152,9 @@ int main(int argc, char** argv) {
         return usage("unknown command \"" + command + "\"");
     if (argc != 2 + operands) return usage(std::string(argc < 2 + operands ? "missing" : "too many") + " operands");
     const std::string key = argv[2];
-    if (!ald::setMgmt::valid_key(key))
-        return fail(kUsage, key, "invalid key: it must start with \"/\" and have no empty, \".\" or \"..\" component");
+    if (const char* why = refused(key)) return fail(kUsage, shown(key), std::string("invalid key: ") + why);
     if (command == "get") return get(key);
+    if (command == "set" && std::strcmp(argv[3], "-") == 0) return set_from_stdin(key);
     if (command == "set") return set(key, argv[3]);
     if (command == "del") return del(key);
     return list(key);
