@@ -2,8 +2,11 @@
 #include <ald/log.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace ald {
@@ -22,13 +25,29 @@ const char* level_name(level lvl) noexcept {
     return "log: ";
 }
 
+// Under systemd, standard error may be a stream into the journal, named by
+// JOURNAL_STREAM ("device:inode"); the journal reads a kernel-style "<N>"
+// in front of a line as its priority.
+const char* journal_priority(level lvl) noexcept {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    unsigned long long dev = 0, ino = 0;
+    struct stat st;
+    if (!stream || std::sscanf(stream, "%llu:%llu", &dev, &ino) != 2 || ::fstat(STDERR_FILENO, &st) != 0 ||
+        dev != st.st_dev || ino != st.st_ino)
+        return "";
+    return lvl == level::error ? "<3>" : lvl == level::warning ? "<4>" : "<6>";
+}
+
 }  // namespace
 
 void print(std::uint32_t, level lvl, basic_string_view<char> line) {
+    int saved = errno;
+    const char* priority = journal_priority(lvl);
     const char* name = level_name(lvl);
+    std::size_t priority_len = std::strlen(priority);
     std::size_t name_len = std::strlen(name);
     std::size_t text_len = line.data ? line.length : 0;
-    std::size_t total = name_len + text_len + 1;
+    std::size_t total = priority_len + name_len + text_len + 1;
 
     // One write per line keeps lines whole when several processes share the
     // same standard error; short lines are built without allocating.
@@ -39,11 +58,11 @@ void print(std::uint32_t, level lvl, basic_string_view<char> line) {
         large.resize(total);
         out = &large[0];
     }
-    std::memcpy(out, name, name_len);
-    if (text_len) std::memcpy(out + name_len, line.data, text_len);
+    std::memcpy(out, priority, priority_len);
+    std::memcpy(out + priority_len, name, name_len);
+    if (text_len) std::memcpy(out + priority_len + name_len, line.data, text_len);
     out[total - 1] = '\n';
 
-    int saved = errno;
     while (::write(STDERR_FILENO, out, total) < 0 && errno == EINTR) {
     }
     errno = saved;

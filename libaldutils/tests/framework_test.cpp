@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -150,12 +151,22 @@ TEST(Log, EachProducedLineIsOneWriteOfLevelPrefixAndMessage) {
         ald::log::print(0, level::error, file, 14, func, "%s", long_text.c_str());
         ald::log::print(0, level::error, file, 15, func, "no arguments, 100%%");
         ald::log::print(0, level::error, file, 16, func, "bad %", 1);
+        struct stat journal;  // standard error as systemd hands it to a service
+        ::fstat(2, &journal);
+        ::setenv("JOURNAL_STREAM", (std::to_string(journal.st_dev) + ":" + std::to_string(journal.st_ino)).c_str(), 1);
+        ald::log::print(0, level::error, "e");
+        ald::log::print(0, level::warning, file, 17, func, "w");
+        ::setenv("JOURNAL_STREAM", "1:1", 1);
+        ald::log::print(0, level::error, "not the journal");
         ald::log::current_level = -1;
-        ald::log::print(0, level::error, file, 17, func, "silenced");
+        ald::log::print(0, level::error, file, 18, func, "silenced");
         return errno == 1234 ? 0 : fail("errno changed");
     });
     EXPECT_EQ(o.status, 0) << o.text;
-    ASSERT_EQ(o.writes.size(), 4u) << o.text;
+    ASSERT_EQ(o.writes.size(), 7u) << o.text;
+    EXPECT_EQ(o.writes[4], "<3>error: e\n");
+    EXPECT_EQ(o.writes[5], "<4>warning: [f.cpp:17][fn()]: w\n");
+    EXPECT_EQ(o.writes[6], "error: not the journal\n");
     EXPECT_EQ(o.writes[0], "warning: [f.cpp:12][fn()]: 42% of all\n");
     EXPECT_EQ(o.writes[1], "error: [f.cpp:14][fn()]: " + long_text + "\n");
     EXPECT_EQ(o.writes[2], "error: [f.cpp:15][fn()]: no arguments, 100%\n");

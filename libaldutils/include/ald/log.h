@@ -16,7 +16,8 @@ extern int current_level;
 
 // The line sink: writes one line to standard error with a single write(2),
 // the level's name in front ("error: ", "warning: ", "info: "), then `line`
-// unchanged, then "\n". `channel` is reserved and should be 0. Never fails in
+// unchanged, then "\n". When standard error is the journal's stream
+// (JOURNAL_STREAM), the line starts with its priority: "<3>", "<4>", "<6>". `channel` is reserved and should be 0. Never fails in
 // a way the caller sees.
 void print(std::uint32_t channel, level lvl, basic_string_view<char> line);
 
