@@ -35,13 +35,15 @@ TEST_F(Supervision, OnlyASigchldFromTheUpdaterReapsItAndPauses) {
     const struct {
         int signo;  // 0: no record to read
         bool from_updater, exited;
-        const char* line;  // logged, "%d": the updater
+        const char* line;      // logged, "%d": the updater
+        bool recorded = true;  // false: no child recorded, a record of pid 0 (a sender outside our pid namespace)
     } records[] = {
         {SIGCHLD, true, true, "info wait_sorvelupd: sorvelupd [pid %d] has exited with status 4"},
         {SIGCHLD, true, false, "warning wait_sorvelupd: sorvelupd [pid %d] is still running"},  // stopped, say
         {SIGCHLD, false, true, nullptr},
         {SIGTERM, true, true, nullptr},
         {0, true, true, "error process_signal: failed to read signal info"},
+        {SIGCHLD, false, true, nullptr, false},
     };
     for (const auto& r : records) {
         const pid_t updater = child_pid = spawn_child(r.exited ? 4 : kStubborn);
@@ -49,7 +51,8 @@ TEST_F(Supervision, OnlyASigchldFromTheUpdaterReapsItAndPauses) {
         ASSERT_EQ(::pipe2(pipe, O_NONBLOCK), 0);
         signalfd_siginfo record{};
         record.ssi_signo = static_cast<uint32_t>(r.signo);
-        record.ssi_pid = static_cast<uint32_t>(r.from_updater ? updater : updater + 1);
+        record.ssi_pid = static_cast<uint32_t>(!r.recorded ? 0 : r.from_updater ? updater : updater + 1);
+        if (!r.recorded) child_pid = 0;
         if (r.signo != 0) (void)!::write(pipe[1], &record, sizeof record);
         signal_fd = pipe[0];
         const size_t logged = log().size();
@@ -61,7 +64,7 @@ TEST_F(Supervision, OnlyASigchldFromTheUpdaterReapsItAndPauses) {
         std::vector<std::string> lines = log();
         lines.erase(lines.begin(), lines.begin() + static_cast<long>(logged));
         EXPECT_EQ(lines, r.line ? std::vector<std::string>{with_pid(r.line, updater)} : std::vector<std::string>{});
-        EXPECT_EQ(child_pid, reaped ? 0 : updater) << "forgotten";
+        EXPECT_EQ(child_pid, reaped || !r.recorded ? 0 : updater) << "forgotten";
         EXPECT_EQ(pauses - paused, reaped ? 1 : 0);
     }
 }
