@@ -26,7 +26,8 @@ expect 1 "" "aldsettings: /a/b: no such key" get /a/b
 expect 0 "" "" set /a/b "two${nl}lines"
 expect 0 "two${nl}lines" "" get /a/b
 expect 0 "" "" set /a/c ""
-expect 0 "b${nl}c" "" list /a
+for name in B .hidden "$(printf '\303\244')"; do expect 0 "" "" set "/a/$name" x; done
+expect 0 "B${nl}b${nl}c${nl}$(printf '\303\244')" "" list /a  # visible subkeys in byte order
 expect 1 "" "aldsettings: /a: is a directory key, it has no value" get /a
 expect 1 "" "aldsettings: /a/b: is a value key, it has no subkeys" list /a/b
 expect 1 "" "aldsettings: /a/b/c: a parent key holds a value" set /a/b/c x

@@ -86,21 +86,6 @@ TEST_F(Store, AValueIsTheFileLessOneTrailingNewline) {
     }
 }
 
-TEST_F(Store, SubkeysAreTheVisibleEntriesInByteOrder) {
-    for (const char* key : {"/d/b", "/d/B", "/d/.hidden", "/d/Z/x", "/d/\xc3\xa4", "/d/a"}) put(key, "1");
-    fs::create_directories(store + "/empty");
-    const std::pair<const char*, std::vector<std::string>> dirs[] = {
-        {"/d", {"B", "Z", "a", "b", "\xc3\xa4"}}, {"/d/Z", {"x"}}, {"/empty", {}}};
-    std::vector<std::string> names;
-    for (const auto& dir : dirs) {
-        EXPECT_EQ(sm::enumSubkeys(dir.first, names), 0);
-        EXPECT_EQ(names, dir.second);
-    }
-    EXPECT_EQ(error_of(sm::enumSubkeys("/d/a", names)), ENOTDIR);
-    EXPECT_EQ(error_of(sm::enumSubkeys("/missing", names)), ENOENT);
-    EXPECT_EQ(names, std::vector<std::string>{}) << "changed by a failure";
-}
-
 TEST_F(Store, SetReplacesTheFileInOneRenameAndDeleteRemovesTreesWithoutFollowingLinks) {
     fs::remove_all(store);
     EXPECT_EQ(sm::setKey("/a/b/c", "two\nlines"), 0);  // the store and parents are made
@@ -120,16 +105,6 @@ TEST_F(Store, SetReplacesTheFileInOneRenameAndDeleteRemovesTreesWithoutFollowing
     EXPECT_TRUE(fs::exists(store + "/../outside/kept"));
     EXPECT_EQ(error_of(sm::deleteKey("/a")), ENOENT);
     EXPECT_EQ(error_of(sm::deleteKey("/")), EINVAL);
-}
-
-TEST_F(Store, InitChecksOrMakesTheStoresDirectory) {
-    fs::remove_all(root);
-    EXPECT_EQ(sm::init(false), -1);
-    EXPECT_EQ(sm::init(true), 0);
-    EXPECT_TRUE(fs::is_directory(store));
-    fs::remove(store);
-    std::ofstream(store) << "a file\n";
-    EXPECT_EQ(sm::init(true), -1);
 }
 
 // Three events each, beside the key, until the kernel drops some.
