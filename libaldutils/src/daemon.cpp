@@ -48,9 +48,11 @@ const char* program_name(char** argv) {
 
 void usage(std::FILE* out, const char* name) {
     std::fprintf(out,
-                 "Usage: %s [-l N | --log-level=N] [-h | --help]\n"
+                 "Usage: %s [-l N | --log-level=N] [--syslog] [-h | --help]\n"
                  "  -l, --log-level=N  log lines of level N and below (0 error, 1 warning,\n"
                  "                     2 info; default 2; a negative N silences the daemon)\n"
+                 "  --syslog           log to the system log, each line at its priority,\n"
+                 "                     instead of standard error\n"
                  "  -h, --help         print this help and exit\n",
                  name);
 }
@@ -75,6 +77,7 @@ void parse_options(int argc, char** argv) {
     const char* name = program_name(argv);
     static const option longopts[] = {
         {"log-level", required_argument, nullptr, 'l'},
+        {"syslog", no_argument, nullptr, 's'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -89,6 +92,9 @@ void parse_options(int argc, char** argv) {
             log::current_level = level;
             break;
         }
+        case 's':
+            log::to_syslog(name);
+            break;
         case 'h':
             usage(stdout, name);
             std::exit(0);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 namespace ald {
@@ -15,6 +16,8 @@ namespace log {
 int current_level = 2;
 
 namespace {
+
+bool g_syslog = false;
 
 const char* level_name(level lvl) noexcept {
     switch (lvl) {
@@ -40,8 +43,19 @@ const char* journal_priority(level lvl) noexcept {
 
 }  // namespace
 
+void to_syslog(const char* ident) {
+    ::openlog(ident, LOG_PID | LOG_NDELAY, LOG_DAEMON);
+    g_syslog = true;
+}
+
 void print(std::uint32_t, level lvl, basic_string_view<char> line) {
     int saved = errno;
+    if (g_syslog) {
+        const int priority = lvl == level::error ? LOG_ERR : lvl == level::warning ? LOG_WARNING : LOG_INFO;
+        ::syslog(priority, "%.*s", static_cast<int>(line.data ? line.length : 0), line.data ? line.data : "");
+        errno = saved;
+        return;
+    }
     const char* priority = journal_priority(lvl);
     const char* name = level_name(lvl);
     std::size_t priority_len = std::strlen(priority);

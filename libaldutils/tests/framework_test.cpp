@@ -16,9 +16,13 @@
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
+#include <regex>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,7 +77,7 @@ TEST(Framework, OptionsSetTheLogLevelPrintHelpOrEndInAUsageError) {
         const char* text;
     } cases[] = {
         {{}, 102, ""}, {{"-l", "0"}, 100, ""}, {{"--log-level=-1"}, 99, ""}, {{"-l7"}, 107, ""},
-        {{"--help"}, 0, "Usage: prog [-l N | --log-level=N] [-h | --help]"}, {{"-h", "-x"}, 0, "Usage: prog"},
+        {{"--help"}, 0, "Usage: prog [-l N | --log-level=N] [--syslog] [-h | --help]"}, {{"-h", "-x"}, 0, "Usage: prog"},
         {{"-l"}, 2, "prog: option needs a value: -l"}, {{"-l", "x"}, 2, "prog: log level is not an integer: x"},
         {{"--log-level=99999999999"}, 2, "prog: log level is not an integer"}, {{"-x"}, 2, "prog: unknown option"},
         {{"-l", "1", "extra"}, 2, "prog: unexpected operand: extra"},
@@ -171,6 +175,31 @@ TEST(Log, EachProducedLineIsOneWriteOfLevelPrefixAndMessage) {
     EXPECT_EQ(o.writes[1], "error: [f.cpp:14][fn()]: " + long_text + "\n");
     EXPECT_EQ(o.writes[2], "error: [f.cpp:15][fn()]: no arguments, 100%\n");
     EXPECT_EQ(o.writes[3].find("error: [f.cpp:16][fn()]: bad %"), 0u) << o.writes[3];
+}
+
+TEST(Log, WithSyslogEachLineGoesToTheSystemLogAtItsPriority) {
+    const outcome o = in_child([] {
+        // A private /dev that holds only a log socket (root only).
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("ald-test", "/dev", "tmpfs", 0, nullptr) != 0)
+            return 77;
+        const int log = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        const sockaddr_un at{AF_UNIX, "/dev/log"};
+        if (::bind(log, reinterpret_cast<const sockaddr*>(&at), sizeof at) != 0) return fail("no log socket");
+        instance({"--syslog"});
+        ald::log::print(0, ald::log::level::error, "e");
+        ald::log::print(0, ald::log::level::info, ald::basic_string_view<char>("f.cpp"), 9, "fn", "i %d", 5);
+        char message[512];
+        for (int i = 0; i < 2; ++i) (void)!::write(1, message, ::recv(log, message, sizeof message, 0));
+        return 0;
+    });
+    if (o.status == 77) GTEST_SKIP() << "needs root: a mount namespace";
+    ASSERT_EQ(o.status, 0) << o.text;
+    ASSERT_EQ(o.writes.size(), 2u) << o.text;  // nothing on standard error
+    const char* time = R"(\w{3} [ \d]\d \d\d:\d\d:\d\d)";
+    EXPECT_TRUE(std::regex_match(o.writes[0], std::regex(std::string("<27>") + time + R"( prog\[\d+\]: e)"))) << o.writes[0];
+    EXPECT_TRUE(std::regex_match(o.writes[1], std::regex(std::string("<30>") + time + R"( prog\[\d+\]: \[f.cpp:9\]\[fn\(\)\]: i 5)")))
+        << o.writes[1];
 }
 
 void on_signal(int) {}

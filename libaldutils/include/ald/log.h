@@ -20,6 +20,11 @@ extern int current_level;
 // (JOURNAL_STREAM), the line starts with its priority: "<3>", "<4>", "<6>". `channel` is reserved and should be 0. Never fails in
 // a way the caller sees.
 void print(std::uint32_t channel, level lvl, basic_string_view<char> line);
+// From now on the sink hands each line to syslog(3) instead, as `ident`
+// with the daemon facility, at LOG_ERR, LOG_WARNING or LOG_INFO, without
+// the level's name: for a service manager that logs all of standard error
+// at one priority (procd).
+void to_syslog(const char* ident);
 
 namespace detail {
 
