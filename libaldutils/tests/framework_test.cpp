@@ -230,6 +230,8 @@ TEST(Process, TheChildStartsWithDefaultSignalsAnEmptyMaskAndCloseOnExecDescripto
         if (::prctl(PR_GET_PDEATHSIG, &on_parent_death) != 0 || on_parent_death != SIGTERM)
             return fail("the child outlives its parent");
         if (sigismember(&mask, SIGUSR1)) return fail("the mask was kept");
+        for (int fd : {0, 1, 2})
+            if (::fcntl(fd, F_GETFD) & FD_CLOEXEC) return fail("a standard descriptor is closed on exec");
         return ::fcntl(inherited, F_GETFD) & FD_CLOEXEC ? 0 : fail("a descriptor stays open across exec");
     });
     EXPECT_EQ(o.status, 0) << o.text;

@@ -6,11 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <set>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -32,6 +35,15 @@ TEST(Path, PiecesJoinWithExactlyOneSlashOrAsTheyAre) {
     EXPECT_EQ(ald::path().add_piece(true, "").c_str(), nullptr);
 }
 
+// The kernel's random pool, made to repeat itself on request: the library
+// calls this definition instead of the C library's.
+bool g_same_random = false;
+extern "C" ssize_t getrandom(void* buf, size_t length, unsigned flags) {
+    if (!g_same_random) return ::syscall(SYS_getrandom, buf, length, flags);
+    std::memset(buf, 0, length);
+    return static_cast<ssize_t>(length);
+}
+
 TEST(Path, TemporaryFilesAreNewHiddenAndMode0644) {
     const std::string dir = std::string(std::getenv("ALD_ROOT")) + "/tmp";
     fs::remove_all(dir);
@@ -50,8 +62,13 @@ TEST(Path, TemporaryFilesAreNewHiddenAndMode0644) {
     ald::path untouched("kept");
     EXPECT_FALSE(ald::path(dir + "/missing").temp_file(untouched) || errno != ENOENT);
     EXPECT_STREQ(untouched.c_str(), "kept");
+    g_same_random = true;  // every name taken: an existing file is never handed out again
+    ald::path same;
+    EXPECT_TRUE(ald::path(dir).temp_file(same));
+    EXPECT_FALSE(ald::path(dir).temp_file(same) || errno != EEXIST);
+    g_same_random = false;
     EXPECT_EQ(ald::path(names.begin()->c_str()).unlink(), 0);
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), 49);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), 50);  // 50 made, the same one, one unlinked
 }
 
 // CMake gives this test an ALD_ROOT that ends in slashes.

@@ -53,12 +53,12 @@ scenario_first_start() {
     printf '%s' "$old" >"$out"
     conf_write
     chmod 0600 "$SB_CONF"
-    ALDT_SHADOW=daemon ALDT_KEPT=kept daemon_start
+    ALDT_SHADOW=daemon ALDT_ONE_KEPT=kept daemon_start
     await 5 "first updater" starts_reach 1
     pid=$(updater_pid)
     expect "command line" "$(updater_rec "$pid" argv)" "/opt/aldrana/sorvel/sorvelupd|-r|/opt/aldrana/sorvel/|-c|$SB_CONF"
     expect "group and parent" "$(updater_rec "$pid" pgid) $(updater_rec "$pid" ppid)" "$pid $SB_DAEMON"
-    expect "environment" "$(updater_rec "$pid" env)" "ALDT_KEPT=kept ALDT_ONE=one two=2 ALDT_SHADOW=store "
+    expect "environment" "$(updater_rec "$pid" env)" "ALDT_ONE=one two=2 ALDT_ONE_KEPT=kept ALDT_SHADOW=store "
     expect "blocked, ignored" "$(updater_rec "$pid" blocked) $(updater_rec "$pid" ignored)" "0000000000000000 0000000000000000"
     expect "descriptors of the daemon's" "$(updater_rec "$pid" fds)" ""
     await 3 "updater output" grep -q "standard error" "$out"
