@@ -25,6 +25,8 @@ expect() {
 expect 1 "" "aldsettings: /a/b: no such key" get /a/b
 expect 0 "" "" set /a/b "two${nl}lines"
 expect 0 "two${nl}lines" "" get /a/b
+expect 0 "" "" set /nl "ends in a newline$nl"
+expect 0 "ends in a newline$nl" "" get /nl
 expect 0 "" "" set /a/c ""
 for name in B .hidden "$(printf '\303\244')"; do expect 0 "" "" set "/a/$name" x; done
 expect 0 "B${nl}b${nl}c${nl}$(printf '\303\244')" "" list /a  # visible subkeys in byte order
