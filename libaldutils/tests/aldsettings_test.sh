@@ -57,4 +57,5 @@ expect 2 "" "aldsettings: unknown command \"put\" (usage: *)" put /a x
 expect 2 "" "aldsettings: missing operands (usage: *)" set /a
 expect 2 "" "aldsettings: too many operands (usage: *)" get /a /b
 expect 0 "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY$nl*" "" --help
+find "$ALD_ROOT" -name '.tmp-*' | grep . >&2 && { echo "FAIL: failed commands left these" >&2; failures=$((failures + 1)); }
 exit $((failures > 0))
