@@ -49,9 +49,10 @@ protected:
 };
 
 TEST_F(Lan, WithoutTheKeyOnlyBrLanIsLanAndBlanksMakeNoLinkLan) {
-    ip("link add br-lan type bridge");
     ip("link add lan1 type bridge");
-    const std::pair<const char*, names> keys[] = {{nullptr, {"br-lan"}}, {"", {}}, {" \t", {}}, {"lan?  br-*", {"br-lan", "lan1"}}};
+    ip("link add br-lan type bridge");
+    const std::pair<const char*, names> keys[] = {
+        {nullptr, {"br-lan"}}, {"", {}}, {" \t", {}}, {"lan? \t\nbr-*", {"lan1", "br-lan"}}};
     for (const auto& key : keys) {
         start(key.first);
         EXPECT_EQ(now(), key.second) << (key.first ? key.first : "no key");
