@@ -67,8 +67,9 @@ std::set<std::string> tasks() {
     return ids;
 }
 
-TEST_F(Lan, TheMonitorBlocksSignalsAndUninitWaitsForACallbackUnderWay) {
+TEST_F(Lan, TheMonitorBlocksSignalsCallsBackForLinksAndUninitWaitsAndForgets) {
     const std::set<std::string> before = tasks();
+    ip("link add lan0 type bridge");
     start("lan*");
     EXPECT_EQ(nm::init(true), -1);
     EXPECT_EQ(errno, EALREADY);
@@ -84,16 +85,24 @@ TEST_F(Lan, TheMonitorBlocksSignalsAndUninitWaitsForACallbackUnderWay) {
         }
     }
     EXPECT_EQ(threads, 1);
-    std::atomic<bool> entered{false}, left{false};
-    nm::set_on_lan_interface_change([&](const std::vector<nm::Interface>&) {
-        entered = true;
+    std::atomic<int> calls{0};
+    std::atomic<size_t> first{0};
+    std::atomic<bool> left{false};
+    nm::set_on_lan_interface_change([&](const std::vector<nm::Interface>& lan) {
+        if (calls++ == 0) first = lan.size();
         std::this_thread::sleep_for(300ms);
         left = true;
     });
+    ip("link set lan0 up");  // a change of state only: no call
     ip("link add lan1 type bridge");
-    while (!entered) std::this_thread::sleep_for(1ms);
+    while (calls == 0) std::this_thread::sleep_for(1ms);
     nm::uninit();
     EXPECT_TRUE(left);
+    EXPECT_EQ(first, 2u) << "called for a change of state";
+    ASSERT_EQ(nm::init(true), 0);  // a new start has no callback
+    ip("link add lan2 type bridge");
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(calls, 1);
 }
 
 }  // namespace

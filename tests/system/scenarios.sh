@@ -72,8 +72,8 @@ scenario_first_start() {
     ! alive "$pid" || fail "the updater outlived the daemon"
 }
 
-# The privacy switch and LAN links (added, renamed into and out of the
-# patterns, deleted) restart the updater on the new file; the same value
+# The privacy switch and LAN links (added, renamed into, within and out of
+# the patterns, deleted) restart the updater on the new file; the same value
 # again, the application id alone, and other links and link states do not.
 scenario_changes() {
     settings set /network/lan/ifnames "lan* br-lan"
@@ -91,10 +91,12 @@ scenario_changes() {
     held "links that are no LAN links" 3
     ip link set wan1 name lan1
     restarted 3 pcap_device '["lan1","lan2"]'
-    ip link set lan2 name xlan2
-    restarted 4 pcap_device '["lan1"]'
+    ip link set lan2 name lan9
+    restarted 4 pcap_device '["lan1","lan9"]'
+    ip link set lan9 name xlan9
+    restarted 5 pcap_device '["lan1"]'
     ip link del lan1
-    restarted 5 pcap_device '[]'
+    restarted 6 pcap_device '[]'
     stopped
 }
 
