@@ -5,6 +5,7 @@ tool=${1:?usage: $0 aldsettings}
 : "${ALD_ROOT:?run through ctest, which gives the test a private ALD_ROOT}"
 rm -rf "$ALD_ROOT" && mkdir -p "$ALD_ROOT" || exit 1
 failures=0
+fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 nl='
 '
 # expect STATUS OUTPUT ERROR ARGS...: ERROR is a shell pattern for the one
@@ -18,8 +19,7 @@ expect() {
     # shellcheck disable=SC2254 # the expected texts are patterns
     case "$out|$err" in
     $pattern) ;;
-    *) echo "FAIL: aldsettings $*: '$out' '$err', expected '$want_out' status $want_status '$want_err'" >&2
-       failures=$((failures + 1)) ;;
+    *) fail "aldsettings $*: '$out' '$err', expected '$want_out' status $want_status '$want_err'" ;;
     esac
 }
 expect 1 "" "aldsettings: /a/b: no such key" get /a/b
@@ -50,12 +50,13 @@ expect 2 "" "aldsettings: /kkk*k...: invalid key: longer than 4096 bytes" get "/
 expect 2 "" "aldsettings: /a/kkk*: invalid key: a component is longer than 255 bytes" set "/a/${long%???????????????????????????????????????????????}" x
 head -c 200000 /dev/zero | tr '\0' v >"$ALD_ROOT/value" && echo >>"$ALD_ROOT/value"
 expect 0 "" "" set /stdin - <"$ALD_ROOT/value"  # beyond what one argument can hold
-[ "$("$tool" get /stdin | cmp - "$ALD_ROOT/value" && echo same)" = same ] || { echo "FAIL: set /stdin -" >&2; failures=$((failures + 1)); }
+[ "$("$tool" get /stdin | cmp - "$ALD_ROOT/value" && echo same)" = same ] || fail "set /stdin -"
+"$tool" get /stdin >/dev/full 2>/dev/null; [ $? = 1 ] || fail "get onto a full device did not fail"
 head -c 16777217 /dev/zero | expect 2 "" "aldsettings: /big: the value is longer than 16 MiB" set /big -
 expect 2 "" "aldsettings: missing command (usage: *)"
 expect 2 "" "aldsettings: unknown command \"put\" (usage: *)" put /a x
 expect 2 "" "aldsettings: missing operands (usage: *)" set /a
 expect 2 "" "aldsettings: too many operands (usage: *)" get /a /b
 expect 0 "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY$nl*" "" --help
-find "$ALD_ROOT" -name '.tmp-*' | grep . >&2 && { echo "FAIL: failed commands left these" >&2; failures=$((failures + 1)); }
+find "$ALD_ROOT" -name '.tmp-*' | grep . >&2 && fail "failed commands left these"
 exit $((failures > 0))
