@@ -20,12 +20,7 @@ namespace fs = std::filesystem;
 namespace {
 
 TEST(Path, PiecesJoinWithExactlyOneSlashOrAsTheyAre) {
-    const struct {
-        const char* start;
-        bool component;
-        ald::basic_string_view<char> piece;
-        const char* text;
-    } cases[] = {{"", true, "etc", "etc"},   {"/etc", true, "x", "/etc/x"}, {"/etc/", true, "x", "/etc/x"},
+    const struct { const char* start; bool component; ald::basic_string_view<char> piece; const char* text; } cases[] = {{"", true, "etc", "etc"},   {"/etc", true, "x", "/etc/x"}, {"/etc/", true, "x", "/etc/x"},
                  {"/etc", true, "//x", "/etc/x"}, {"/etc", false, "x", "/etcx"}, {"/etc", true, "", "/etc/"},
                  {"/", true, "x", "/x"},     {"/etc", true, {"abcdef", 3}, "/etc/abc"}};
     for (const auto& c : cases) {

@@ -107,7 +107,6 @@ TEST_F(Config, PcapDeviceLeavesOutNamesThatAreNotUtf8AndFailuresWriteNothing) {
     EXPECT_EQ(conf_key("pcap_device"), "[\"br0\",\"eth1\",\"lan\xc3\xa4\"]");
     EXPECT_EQ(conf_key("kept"), R"([1,{"a":null}])");
 
-    const std::string written = get("updater.conf");
     fail_call("json_array", 1);
     EXPECT_FALSE(update_lan_config());
     fs::remove(etc + "/updater.conf");

@@ -82,19 +82,12 @@ struct stop_case {
 const stop_case kStops[] = {
     {target::none, false, {}, 0, true},
     {target::exited, false, {{kSent15, 1}, {"info wait_sorvelupd: sorvelupd [pid %d] has exited with status 3", 1}}, 0, true},
-    {target::stubborn,  // 16 SIGTERMs, then SIGKILL to the group, grandchild included
-     false,
-     {{kSent15, 16},
-      {"warning wait_sorvelupd: sorvelupd [pid %d] is still running", 16},
-      {"info kill_and_wait_sorvelupd: sent signal #9 to sorvelupd [pid %d]", 1},
-      {"info wait_sorvelupd: sorvelupd [pid %d] has exited", 1}},
-     16,
-     true},
-    {target::stubborn,
-     true,
-     {{"error kill_and_wait_sorvelupd: failed to send signal #15 to sorvelupd [pid %d]", 16}, {kFailed9, 2}},
-     18,
-     false},
+    {target::stubborn, false,  // 16 SIGTERMs, then SIGKILL to the group, grandchild included
+     {{kSent15, 16}, {"warning wait_sorvelupd: sorvelupd [pid %d] is still running", 16},
+      {"info kill_and_wait_sorvelupd: sent signal #9 to sorvelupd [pid %d]", 1}, {"info wait_sorvelupd: sorvelupd [pid %d] has exited", 1}},
+     16, true},
+    {target::stubborn, true,
+     {{"error kill_and_wait_sorvelupd: failed to send signal #15 to sorvelupd [pid %d]", 16}, {kFailed9, 2}}, 18, false},
     {target::not_ours,  // the grandchild: no child to wait for, no group to kill
      false,
      {{kSent15, 16}, {"error wait_sorvelupd: failed to wait for sorvelupd [pid %d]", 16}, {kFailed9, 2}},
