@@ -230,4 +230,19 @@ TEST(Process, TheChildStartsWithDefaultSignalsAnEmptyMaskAndCloseOnExecDescripto
     EXPECT_EQ(o.status, 0) << o.text;
 }
 
+// The daemon only passes names of settings keys, which are never empty; the
+// builder itself must keep a nameless or "=" variable out of the updater's
+// environment.
+TEST(Process, TheEnvironmentRefusesAnEmptyNameOrOneWithEqualsAndKeepsTheRest) {
+    ald::Environ env;
+    const auto count = [&] {
+        std::size_t n = 0;
+        for (char** e = env.to_environ(); *e; ++e) ++n;
+        return n;
+    };
+    const std::size_t before = count();
+    for (const char* name : {"", "=", "A=B"}) EXPECT_FALSE(env.set(name, "x", true)) << '"' << name << '"';
+    EXPECT_EQ(count(), before);
+}
+
 }  // namespace
