@@ -1,6 +1,6 @@
 // The daemon framework (options, stop pipe, hooks), the log statement and
-// its sink, and fork; the environment builder shows in the updater's
-// environment (tests/system). What is process-wide (the instance,
+// its sink, fork, and the environment builder's refusals (what it builds
+// shows in the updater's environment, tests/system). What is process-wide (the instance,
 // handlers, exits) runs in forked children.
 #include <ald/daemon.h>
 #include <ald/log.h>
