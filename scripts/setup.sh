@@ -3,11 +3,12 @@
 # benchmark need. Idempotent and quick: apt is consulted only when something
 # is missing.
 #
-#   scripts/setup.sh [base] [cross] [fuzz] [bench]    (default: base)
+#   scripts/setup.sh [base] [cross] [fuzz] [vm] [bench]    (default: base)
 #
 #   base   build, unit and system tests, the demo
 #   cross  the 32-bit ARM (armhf) cross build and qemu-user to run its tests
 #   fuzz   clang with libFuzzer and the sanitizer runtimes
+#   vm     full-system emulation of a 32-bit ARM board (scripts/armvm.sh)
 #   bench  the peer supervisors and tools the benchmark measures with
 set -euo pipefail
 
@@ -25,8 +26,10 @@ for g in "${groups[@]}"; do
                       libjansson-dev:armhf libfmt-dev:armhf libmnl-dev:armhf
                       libgtest-dev:armhf libgmock-dev:armhf) ;;
     fuzz) packages+=(clang libclang-rt-dev) ;;
+    vm) cross=true
+        packages+=(qemu-system-arm cpio binutils) ;;
     bench) packages+=(runit s6 strace binutils binutils-arm-linux-gnueabihf) ;;
-    *) echo "setup: unknown group '$g' (base, cross, fuzz, bench)" >&2; exit 2 ;;
+    *) echo "setup: unknown group '$g' (base, cross, fuzz, vm, bench)" >&2; exit 2 ;;
   esac
 done
 
