@@ -71,10 +71,13 @@ aldsettings() { settings "$@"; }
 # show_lines: the daemon's lines since the last look.
 show_lines() {
     local lines
-    lines=$(log_lines)
-    [ "$lines" -gt "$shown" ] && log_from $((shown + 1)) | head -n $((lines - shown)) | sed 's/^/   | /'
+    lines=$(wc -l <"$SB_LOG")
+    [ "$lines" -gt "$shown" ] && tail -n "+$((shown + 1))" "$SB_LOG" | head -n $((lines - shown)) | sed 's/^/   | /'
     shown=$lines
 }
+conf_keys() { jq -c '{aur_enabled, pcap_device, connect_appid}' "$SB_CONF" 2>/dev/null || echo unreadable; }
+# Running, not a zombie.
+alive() { [ -r "/proc/$1/stat" ] && [ "$(awk '{sub(/.*\) /, ""); print $1}' "/proc/$1/stat" 2>/dev/null)" != Z ]; }
 show() {
     show_lines
     printf '   updater.conf: %s\n' "$(conf_keys)"

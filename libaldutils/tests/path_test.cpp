@@ -39,7 +39,7 @@ extern "C" ssize_t getrandom(void* buf, size_t length, unsigned flags) {
     return static_cast<ssize_t>(length);
 }
 
-TEST(Path, TemporaryFilesAreNewHiddenAndMode0644) {
+TEST(Path, TemporaryFilesAreNewAndMode0644) {
     const std::string dir = std::string(std::getenv("ALD_ROOT")) + "/tmp";
     fs::remove_all(dir);
     fs::create_directories(dir);
@@ -53,7 +53,6 @@ TEST(Path, TemporaryFilesAreNewHiddenAndMode0644) {
     }
     ::umask(umask);
     EXPECT_EQ(names.size(), 50u);
-    EXPECT_EQ(names.begin()->rfind(dir + "/.tmp-", 0), 0u) << *names.begin();
     ald::path untouched("kept");
     EXPECT_FALSE(ald::path(dir + "/missing").temp_file(untouched) || errno != ENOENT);
     EXPECT_STREQ(untouched.c_str(), "kept");
@@ -62,8 +61,6 @@ TEST(Path, TemporaryFilesAreNewHiddenAndMode0644) {
     EXPECT_TRUE(ald::path(dir).temp_file(same));
     EXPECT_FALSE(ald::path(dir).temp_file(same) || errno != EEXIST);
     g_same_random = false;
-    EXPECT_EQ(ald::path(names.begin()->c_str()).unlink(), 0);
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), 50);  // 50 made, the same one, one unlinked
 }
 
 // CMake gives this test an ALD_ROOT that ends in slashes.

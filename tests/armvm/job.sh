@@ -1,45 +1,49 @@
-# The daemon's job on a 32-bit ARM kernel: run by the guest of
-# scripts/armvm.sh (busybox sh, root, the daemon at /usr/sbin as on a
-# device). One "armvm: ok WHAT" or "armvm: FAIL WHAT" line per check on the
-# console; the exit status is the number of failures.
+# The daemon's job on a 32-bit ARM kernel, and the only end-to-end test of
+# changes: run by the guest of scripts/armvm.sh (busybox sh, root, the
+# daemon at /usr/sbin as on a device). One "armvm: ok WHAT" or "armvm: FAIL
+# WHAT" line per check on the console; the exit status is the number of
+# failures.
 fails=0
+# check WHAT TENTHS CMD...: CMD holds within TENTHS tenths of a second (1: at once).
 check() {
-    what=$1
-    shift
-    if "$@"; then echo "armvm: ok $what"; else echo "armvm: FAIL $what"; fails=$((fails + 1)); fi
-}
-# until_ TENTHS CMD...: true as soon as CMD is, false if not within TENTHS.
-until_() {
-    n=$1
-    shift
+    what=$1 n=$2
+    shift 2
     until "$@"; do
         n=$((n - 1))
-        [ $n -gt 0 ] || return 1
+        [ $n -gt 0 ] || { echo "armvm: FAIL $what"; fails=$((fails + 1)); return; }
         sleep 0.1
     done
+    echo "armvm: ok $what"
 }
-starts() { grep -c '^start' /run/events; }
-starts_reach() { [ "$(starts)" -ge "$1" ]; }
+starts_reach() { [ "$(grep -c '^start' /run/events)" -ge "$1" ]; }
 # field N F: field F of the Nth start (2 pid, 3 group, 4 parent, 5 uptime).
 field() { awk -v n="$1" -v f="$2" '$1 == "start" && ++i == n {print $f}' /run/events; }
-conf_has() { grep -q "$1" /etc/aldrana/updater.conf; }
-conf_lacks() { ! conf_has "$1"; }
+# updater.conf without blanks holds TEXT.
+conf_has() { tr -d ' \n' </etc/aldrana/updater.conf | grep -qF "$1"; }
 no_updater() { ! grep -qs 'sorvel/sorvel[u]pd' /proc/[0-9]*/cmdline; }
-# restart N WHAT PATTERN: updater N got SIGTERM, N + 1 started on a file with PATTERN.
+# term_lacks N TEXT: updater N got SIGTERM while the file lacked TEXT.
+term_lacks() { t=$(grep "^term $(field "$1" 2) " /run/events) && case $t in *"$2"*) false ;; esac; }
+# restart N WHAT TEXT: updater N was stopped before the file changed, and
+# N + 1 started on a file with TEXT.
 restart() {
-    check "$2" until_ 100 starts_reach $(($1 + 1))
-    check "$2: updater $1 stopped first" grep -q "^term $(field "$1" 2)$" /run/events
-    check "$2: $3" conf_has "$3"
+    check "$2" 100 starts_reach $(($1 + 1))
+    check "$2: updater $1 stopped first" 1 term_lacks "$1" "$3"
+    check "$2: $3" 1 conf_has "$3"
+}
+# held WHAT N: 2 s on, no updater has started after the Nth.
+held() {
+    sleep 2
+    check "$1: no restart" 1 eval "! starts_reach $(($2 + 1))"
 }
 
-# A stand-in updater that records its starts and its SIGTERM.
+# A stand-in updater that records its starts, and its SIGTERM with the file as it was then.
 mkdir -p /opt/aldrana/sorvel /run/var
 cat >/opt/aldrana/sorvel/sorvelupd <<'EOF'
 #!/bin/sh
 read -r stat </proc/$$/stat
 set -- ${stat##*) }
 echo "start $$ $3 $2 $(cut -d' ' -f1 /proc/uptime)" >>/run/events
-trap 'kill $s; echo "term $$" >>/run/events; exit 0' TERM
+trap 'kill $s; echo "term $$ $(tr -d " \n" </etc/aldrana/updater.conf)" >>/run/events; exit 0' TERM
 while :; do sleep 30 & s=$!; wait $s; done
 EOF
 chmod 0755 /opt/aldrana/sorvel/sorvelupd
@@ -49,30 +53,37 @@ aldsettings set /network/lan/ifnames "br-lan lan*"
 aldsorvelupdd --log-level=2 2>/run/daemon.log &
 daemon=$!
 
-check "first start" until_ 100 starts_reach 1
-check "own group, daemon's child" [ "$(field 1 3) $(field 1 4)" = "$(field 1 2) $daemon" ]
-check "first start: privacy on" conf_has '"aur_enabled": true'
-check "first start: no LAN" conf_has '"pcap_device": \[\]'
-check "first start: application id" conf_has '"connect_appid": "com.aldrana.sorvelupd"'
+check "first start" 100 starts_reach 1
+check "own group, daemon's child" 1 [ "$(field 1 3) $(field 1 4)" = "$(field 1 2) $daemon" ]
+check "first start: keys" 1 conf_has '"pcap_device":[],"connect_appid":"com.aldrana.sorvelupd","aur_enabled":true'
 aldsettings set /privacy/aur 0
-restart 1 "privacy off" '"aur_enabled": false'
-ip link add br-lan type bridge
-restart 2 "bridge added" '"br-lan"'
+restart 1 "privacy off" '"aur_enabled":false'
+aldsettings set /system/app_id com.example.gateway
+held "an application id" 2
 ip link add lan0 type veth
-restart 3 "veth added" '"lan0"'
+restart 2 "veth added" '"pcap_device":["lan0"],"connect_appid":"com.example.gateway"'
+ip link add br-lan type bridge
+restart 3 "bridge added, names sorted" '"pcap_device":["br-lan","lan0"]'
+ip link set lan0 up
+held "a link's state" 4
 ip link del br-lan
-restart 4 "bridge removed" '"lan0"'
-check "bridge removed: gone" conf_lacks br-lan
-ip link del lan0
-restart 5 "veth removed" '"pcap_device": \[\]'
+restart 4 "bridge removed" '"pcap_device":["lan0"]'
+ip link set lan0 down
+ip link set lan0 name wan0
+restart 5 "veth renamed out" '"pcap_device":[]'
+ip link set wan0 name lan1
+restart 6 "veth renamed into the patterns" '"pcap_device":["lan1"]'
 t0=$(cut -d' ' -f1 /proc/uptime)
-kill -KILL "$(field 6 2)"
-check "killed updater restarted" until_ 50 starts_reach 7
-check "about a second after the kill" awk -v a="$t0" -v b="$(field 7 5)" 'BEGIN {exit !(b - a >= 0.9 && b - a < 3)}'
+kill -KILL "$(field 7 2)"
+check "killed updater restarted" 50 starts_reach 8
+check "about a second after the kill" 1 awk -v a="$t0" -v b="$(field 8 5)" 'BEGIN {exit !(b - a >= 0.9 && b - a < 3)}'
 kill -TERM $daemon
 wait $daemon
-check "SIGTERM: exit status 0" [ $? = 0 ]
-check "SIGTERM: last updater stopped" grep -q "^term $(field 7 2)$" /run/events
-check "SIGTERM: no updater left" no_updater
+check "SIGTERM: exit status 0" 1 [ $? = 0 ]
+check "SIGTERM: the updater reaped" 1 grep -q "sorvelupd \[pid $(field 8 2)\] has exited with status 0" /run/daemon.log
+aldsorvelupdd 2>>/run/daemon.log &
+check "started again" 100 starts_reach 9
+kill -KILL $!
+check "SIGKILL: the updater goes with the daemon" 50 no_updater
 [ $fails = 0 ] || cat /run/daemon.log
 exit $fails

@@ -51,7 +51,6 @@ conf_write() {
     if [ $# -gt 0 ]; then printf '%s' "$1"; else sandbox_conf_text; fi >"$SB_WORK/conf.new"
     mv "$SB_WORK/conf.new" "$SB_CONF"
 }
-conf_keys() { jq -c '{aur_enabled, pcap_device, connect_appid}' "$SB_CONF" 2>/dev/null || echo unreadable; }
 settings() { "$SB_STAGE/bin/aldsettings" "$@"; }
 
 # daemon_start [OPTION...]: the installed daemon in the background, as a
@@ -67,8 +66,6 @@ daemon_wait() {
     SB_STATUS=0
     wait "$SB_DAEMON" || SB_STATUS=$?
 }
-log_lines() { wc -l <"$SB_LOG"; }
-log_from() { tail -n "+$1" "$SB_LOG"; }
 
 # The stand-in's starts, the pid of the Nth (default: the latest), and one
 # field of what updater PID recorded at its start.
@@ -76,8 +73,6 @@ updater_starts() { grep -c '^start ' "$SB_UPDATER_DIR/events"; }
 updater_pid() { awk -v n="${1:-0}" '$1 == "start" && (++i == n || n == 0) {p = $2} END {print p}' "$SB_UPDATER_DIR/events"; }
 updater_rec() { sed -n "s/^$2=//p" "$SB_UPDATER_DIR/$1.rec"; }
 starts_reach() { [ "$(updater_starts)" -ge "$1" ]; }
-# Running, not a zombie.
-alive() { [ -r "/proc/$1/stat" ] && [ "$(awk '{sub(/.*\) /, ""); print $1}' "/proc/$1/stat" 2>/dev/null)" != Z ]; }
 
 now_ms() { echo $((${EPOCHREALTIME/./} / 1000)); }
 # wait_until SECONDS CMD...: true as soon as CMD is, false if not within SECONDS.

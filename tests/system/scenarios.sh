@@ -15,34 +15,9 @@ within() { [ "$2" -ge "$3" ] && [ "$2" -le "$4" ] || fail "$1: $2, expected $3 t
 # await SECONDS WHAT CMD...: the scenario cannot go on without it.
 await() { wait_until "$1" "${@:3}" || { fail "no $2 within $1 s"; exit 1; }; }
 log_has() { [ "$(grep -c "]: $2\$" "$SB_LOG")" -ge "$1" ]; }
-# held WHAT N: for 2 s no updater starts after the Nth.
-held() { ! wait_until 2 starts_reach $(($2 + 1)) || fail "$1 restarted the updater"; }
-up() {
-    conf_write
-    daemon_start
-    await 5 "first updater" starts_reach 1
-}
-stopped() {
-    kill -TERM "$SB_DAEMON"
-    daemon_wait 20 || { fail "the daemon still runs 20 s after SIGTERM"; exit 1; }
-    expect "exit status" "$SB_STATUS" 0
-    [[ $(tail -n 1 "$SB_LOG") == *"]: stop ald sorvelupd daemon" ]] || fail "the stop line is not the last"
-}
-# restarted N KEY VALUE: updater N was stopped with SIGTERM before the file
-# changed, and updater N + 1 started with KEY at VALUE.
-restarted() {
-    local old new
-    old=$(updater_pid "$1")
-    await 5 "restart of updater $1" starts_reach $(($1 + 1))
-    new=$(updater_pid $(($1 + 1)))
-    expect "keys when updater $1 got SIGTERM" "$(sed -n "s/^term $old //p" "$SB_UPDATER_DIR/events")" \
-        "$(updater_rec "$old" keys)"
-    expect "$2 at the start of updater $(($1 + 1))" "$(updater_rec "$new" keys | jq -c ".$2")" "$3"
-}
-
-# The updater's command line, group, environment, signals, descriptors and
+# The updater's command line, environment, signals, descriptors and
 # output; the three keys written beside the updater's own, indented by 4,
-# mode 0644, nothing left beside; a stop with SIGTERM.
+# mode 0644, nothing left beside. (The stop: tests/armvm.)
 scenario_first_start() {
     local env=/daemons/aldsorvelupdd/env_vars out=$SB_VAR/sorvelupd.out_err.log pid old
     settings set $env/ALDT_ONE "one two=2"
@@ -57,7 +32,6 @@ scenario_first_start() {
     await 5 "first updater" starts_reach 1
     pid=$(updater_pid)
     expect "command line" "$(updater_rec "$pid" argv)" "/opt/aldrana/sorvel/sorvelupd|-r|/opt/aldrana/sorvel/|-c|$SB_CONF"
-    expect "group and parent" "$(updater_rec "$pid" pgid) $(updater_rec "$pid" ppid)" "$pid $SB_DAEMON"
     expect "environment" "$(updater_rec "$pid" env)" "ALDT_ONE=one two=2 ALDT_ONE_KEPT=kept ALDT_SHADOW=store "
     expect "blocked, ignored" "$(updater_rec "$pid" blocked) $(updater_rec "$pid" ignored)" "0000000000000000 0000000000000000"
     expect "descriptors of the daemon's" "$(updater_rec "$pid" fds)" ""
@@ -67,40 +41,14 @@ scenario_first_start() {
     expect "updater.conf" "$(cat "$SB_CONF")" "$(sandbox_conf_text |
         jq --indent 4 '.pcap_device = [] | .connect_appid = "com.aldrana.sorvelupd" | .aur_enabled = true')"
     expect "mode and neighbours" "$(stat -c %a "$SB_CONF") $(ls -A "$SB_ETC" | tr '\n' ' ')" "644 settings updater.conf "
-    stopped
-    grep -q "^term $pid " "$SB_UPDATER_DIR/events" || fail "the updater got no SIGTERM"
-    ! alive "$pid" || fail "the updater outlived the daemon"
+    kill -TERM "$SB_DAEMON"  # a normal exit, which the sanitizers check
+    daemon_wait 20 || fail "the daemon still runs 20 s after SIGTERM"
 }
 
-# The privacy switch and LAN links (added, renamed into, within and out of
-# the patterns, deleted) restart the updater on the new file; the same value
-# again and the application id alone do not.
-scenario_changes() {
-    settings set /network/lan/ifnames "lan* br-lan"
-    up
-    settings set /privacy/aur 0
-    restarted 1 aur_enabled false
-    settings set /privacy/aur 0
-    settings set /system/app_id com.example.gateway
-    held "the same value and an application id" 2
-    ip link add lan2 type bridge
-    restarted 2 pcap_device '["lan2"]'
-    expect "connect_appid with the LAN change" "$(jq -c .connect_appid "$SB_CONF")" '"com.example.gateway"'
-    ip link add wan1 type veth peer name wan2
-    ip link set wan1 name lan1
-    restarted 3 pcap_device '["lan1","lan2"]'
-    ip link set lan2 name lan9
-    restarted 4 pcap_device '["lan1","lan9"]'
-    ip link set lan9 name xlan9
-    restarted 5 pcap_device '["lan1"]'
-    ip link del lan1
-    restarted 6 pcap_device '[]'
-    stopped
-}
-
-# An updater that dies is started again a second later; one that cannot
-# start (no output directory, no updater) fails in its child about every
-# 2 s; no updater.conf: a new attempt about every second, nothing written.
+# An updater that cannot start (no output directory, no updater) fails in
+# its child about every 2 s; no updater.conf: a new attempt about every
+# second, nothing written. (Changes, an updater that dies, a daemon killed:
+# the end-to-end test on the ARM kernel, tests/armvm.)
 scenario_restarts() {
     local t0 line="failed to get file for redirection"
     daemon_start
@@ -126,25 +74,14 @@ scenario_restarts() {
     expect "stand-in starts" "$(updater_starts)" 0
     mv /opt/aldrana/sorvel/away /opt/aldrana/sorvel/sorvelupd
     await 5 "an updater once updater.conf is right" starts_reach 1
-    t0=$(now_ms)
-    kill -KILL "$(updater_pid)"
-    await 5 "a start after the kill" starts_reach 2
-    within "ms from the kill to the next start" $(($(updater_rec "$(updater_pid)" started) - t0)) 1000 3000
-    stopped
 }
 
 # SIGKILL at random moments of the first quarter second of the daemon,
-# while it rewrites a 1 MiB updater.conf twice: the file is always one the
-# daemon wrote or started from.
+# while it rewrites a 1 MiB updater.conf twice: the file is always whole
+# JSON with all of its 16000 entries.
 scenario_crash() {
-    local kills=${ALD_CRASH_KILLS:-40} doc torn=0 left=0 i aur
-    local -A valid
+    local kills=${ALD_CRASH_KILLS:-40} torn=0 left=0 i
     conf_write "$(sandbox_conf_text | jq '.history = [range(16000) | "entry \(.): " + ("x" * 48)]')"
-    valid[$(jq -S -c . "$SB_CONF")]=shipped
-    for aur in null true false; do
-        valid[$(jq -S -c --argjson a $aur '.pcap_device = [] | .connect_appid = "com.aldrana.sorvelupd" |
-            if $a == null then . else .aur_enabled = $a end' "$SB_CONF")]=written
-    done
     for ((i = 1; i <= kills; i++)); do
         settings set /privacy/aur $((i % 2))  # a rewrite at every start
         daemon_start
@@ -152,33 +89,11 @@ scenario_crash() {
         kill -KILL "$SB_DAEMON"
         wait "$SB_DAEMON" 2>/dev/null
         pkill -KILL -f "^/bin/sh /opt/aldrana/sorvel/sorvelupd"
-        doc=$(jq -S -c . "$SB_CONF" 2>/dev/null) || doc="not JSON"
-        [ -n "${valid[$doc]:-}" ] || { torn=$((torn + 1)); fail "kill $i: updater.conf torn: ${doc:0:200}"; }
+        jq -e '.history | length == 16000' "$SB_CONF" >/dev/null 2>&1 ||
+            { torn=$((torn + 1)); fail "kill $i: updater.conf torn: $(head -c 200 "$SB_CONF")"; }
         left=$((left + $(find "$SB_ETC" -maxdepth 1 -name '.tmp-*' -delete -print | wc -l)))
     done
     echo "crash: $kills kills, $torn torn files, $left temporary files left behind"
-}
-
-# The daemon under runsv, killed with SIGKILL three times and restarted by
-# runsv each time: its updater goes with it, so exactly one ever runs.
-scenario_respawn() {
-    local svc=$SB_WORK/service i old
-    one_updater() { [ "$(for p in $(awk '$1 == "start" {print $2}' "$SB_UPDATER_DIR/events"); do
-        alive "$p" && echo "$p"; done | wc -l)" = 1 ]; }
-    conf_write
-    mkdir -p "$svc"
-    printf '#!/bin/sh\nexec %s 2>>%s\n' "$SB_STAGE/sbin/aldsorvelupdd" "$SB_LOG" >"$svc/run"
-    chmod +x "$svc/run"
-    runsv "$svc" &
-    for ((i = 1; i <= 3; i++)); do
-        await 5 "updater $i" starts_reach $i
-        old=$(updater_pid $i)
-        kill -KILL "$(cat "$svc/supervise/pid")"
-        await 5 "updater $((i + 1)) after the daemon's restart" starts_reach $((i + 1))
-        wait_until 5 one_updater || fail "kill $i: updater $old outlived its daemon"
-    done
-    kill -TERM $!
-    wait $!
 }
 
 scenario=${1:?usage: $0 SCENARIO STAGE} stage=${2:?usage: $0 SCENARIO STAGE}

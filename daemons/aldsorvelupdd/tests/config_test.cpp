@@ -93,11 +93,6 @@ TEST_F(Config, AurEnabledIsFalseOnlyForZeroAndRewrittenOnlyWhenTheValueChanged) 
     put("updater.conf", kConf);
     EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
     EXPECT_EQ(conf_key("aur_enabled"), "false");
-    put("settings/privacy/aur", "1\n");  // and one whose rename failed
-    fail_call("rename", 1);
-    EXPECT_FALSE(update_aur_config(ald::kPrivacySettingKey));
-    EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
-    EXPECT_EQ(conf_key("aur_enabled"), "true");
 }
 
 TEST_F(Config, PcapDeviceLeavesOutNamesThatAreNotUtf8AndFailuresWriteNothing) {

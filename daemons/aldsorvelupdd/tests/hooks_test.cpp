@@ -1,5 +1,5 @@
 // main, init and the event loop: what only scripted failures and crafted
-// batches of events reach. The whole job, end to end, is in tests/system.
+// batches of events reach. The whole job, end to end: tests/system, tests/armvm.
 #include "harness.h"
 #include "hooks.h"
 #include "state.h"
@@ -102,24 +102,25 @@ protected:
     std::set<int> before;
 };
 
-TEST_F(Loop, AnInterruptedWaitWarnsAndTheLoopGoesOn) {
-    fail_call("epoll_wait", 1, EINTR);
-    EXPECT_EQ(run_to(2), 0);
-    EXPECT_EQ(log(), (lines{kStart, "warning run: waiting on epoll was interrupted by a signal"} + stopped(child) + lines{kStop}));
-}
+// A failed call of the loop's: logged, and the loop goes on (the stop
+// request comes before the wait of pass `last`) or shuts down (last 0).
+const struct loop_failure {
+    const char* call;
+    int nth, err, last;
+    lines logged;
+} kLoopFailures[] = {
+    {"epoll_wait", 1, EINTR, 2, {"warning run: waiting on epoll was interrupted by a signal"}},
+    {"epoll_wait", 1, EBADF, 0, {"error run: failed to wait on epoll"}},
+    {"epoll_ctl", 0, EPERM, 2, {"error run: failed to add notif fd to epoll", "error run: failed to add notif fd to epoll"}},
+};
+class LoopFailure : public Loop, public ::testing::WithParamInterface<loop_failure> {};
 
-TEST_F(Loop, AFailedWaitShutsDownAndReturnsZero) {
-    fail_call("epoll_wait", 1, EBADF);
-    EXPECT_EQ(run(), 0);
-    EXPECT_EQ(log(), (lines{kStart, "error run: failed to wait on epoll"} + stopped(child) + lines{kStop}));
+TEST_P(LoopFailure, IsLoggedAndTheLoopGoesOnOrShutsDownAndReturnsZero) {
+    fail_call(GetParam().call, GetParam().nth, GetParam().err);
+    EXPECT_EQ(run_to(GetParam().last), 0);
+    EXPECT_EQ(log(), lines{kStart} + GetParam().logged + stopped(child) + lines{kStop});
 }
-
-TEST_F(Loop, AWatchThatCannotBeRegisteredIsLoggedEveryPass) {
-    fail_call("epoll_ctl", 0, EPERM);
-    EXPECT_EQ(run_to(2), 0);
-    const std::string line = "error run: failed to add notif fd to epoll";
-    EXPECT_EQ(log(), (lines{kStart, line, line} + stopped(child) + lines{kStop}));
-}
+INSTANTIATE_TEST_SUITE_P(EachCall, LoopFailure, ::testing::ValuesIn(kLoopFailures));
 
 // A change seen only by a read that breaks still counts; the broken
 // descriptor is closed and a fresh one sees the next change.

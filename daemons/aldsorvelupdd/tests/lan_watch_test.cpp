@@ -37,7 +37,6 @@ struct report_step {
     int wake_ups;
 };
 const report_step kReports[] = {
-    {{}, {}, 0},  // what init found
     {{"eth1", "br0", "br0", "", "\xc3\xa4", "B"}, {"", "B", "br0", "br0", "eth1", "\xc3\xa4"}, 1},
     {{"br0", "\xc3\xa4", "B", "eth1", "", "br0"}, {"", "B", "br0", "br0", "eth1", "\xc3\xa4"}, 0},
     {{"br0", "eth1", "", "\xc3\xa4", "B", "lan"}, {"", "B", "br0", "eth1", "lan", "\xc3\xa4"}, 1},  // one renamed

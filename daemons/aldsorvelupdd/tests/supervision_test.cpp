@@ -41,7 +41,6 @@ TEST_F(Supervision, OnlyASigchldFromTheUpdaterReapsItAndPauses) {
         {SIGCHLD, true, true, "info wait_sorvelupd: sorvelupd [pid %d] has exited with status 4"},
         {SIGCHLD, true, false, "warning wait_sorvelupd: sorvelupd [pid %d] is still running"},  // stopped, say
         {SIGCHLD, false, true, nullptr},
-        {SIGTERM, true, true, nullptr},
         {0, true, true, "error process_signal: failed to read signal info"},
         {SIGCHLD, false, true, nullptr, false},
     };
