@@ -20,7 +20,7 @@ cross=false
 for g in "${groups[@]}"; do
   case "$g" in
     base) packages+=(g++ cmake make pkg-config libjansson-dev libfmt-dev libmnl-dev
-                     libgtest-dev libgmock-dev iproute2 util-linux procps jq runit) ;;
+                     libgtest-dev libgmock-dev iproute2 util-linux procps jq) ;;
     cross) cross=true
            packages+=(g++-arm-linux-gnueabihf qemu-user libc6:armhf libstdc++6:armhf
                       libjansson-dev:armhf libfmt-dev:armhf libmnl-dev:armhf

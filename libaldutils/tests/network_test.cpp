@@ -62,8 +62,6 @@ TEST_F(Lan, WithoutTheKeyOnlyBrLanIsLanAndBlanksMakeNoLinkLan) {
 TEST_F(Lan, TheMonitorCallsBackForLinksAndUninitWaitsAndForgets) {
     ip("link add lan0 type bridge");
     start("lan*");
-    EXPECT_EQ(nm::init(true), -1);
-    EXPECT_EQ(errno, EALREADY);
     std::atomic<int> calls{0};
     std::atomic<bool> left{false};
     nm::set_on_lan_interface_change([&](const std::vector<nm::Interface>&) {

@@ -69,10 +69,10 @@ held "a link's state" 4
 ip link del br-lan
 restart 4 "bridge removed" '"pcap_device":["lan0"]'
 ip link set lan0 down
-ip link set lan0 name wan0
-restart 5 "veth renamed out" '"pcap_device":[]'
-ip link set wan0 name lan1
-restart 6 "veth renamed into the patterns" '"pcap_device":["lan1"]'
+ip link set lan0 name lan1
+restart 5 "veth renamed within the patterns" '"pcap_device":["lan1"]'
+ip link set lan1 name wan0
+restart 6 "veth renamed out" '"pcap_device":[]'
 t0=$(cut -d' ' -f1 /proc/uptime)
 kill -KILL "$(field 7 2)"
 check "killed updater restarted" 50 starts_reach 8
