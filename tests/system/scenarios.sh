@@ -89,7 +89,7 @@ scenario_crash() {
         kill -KILL "$SB_DAEMON"
         wait "$SB_DAEMON" 2>/dev/null
         pkill -KILL -f "^/bin/sh /opt/aldrana/sorvel/sorvelupd"
-        jq -e '.history | length == 16000' "$SB_CONF" >/dev/null 2>&1 ||
+        [ "$(jq '.history | length' "$SB_CONF" 2>/dev/null)" = 16000 ] ||
             { torn=$((torn + 1)); fail "kill $i: updater.conf torn: $(head -c 200 "$SB_CONF")"; }
         left=$((left + $(find "$SB_ETC" -maxdepth 1 -name '.tmp-*' -delete -print | wc -l)))
     done
