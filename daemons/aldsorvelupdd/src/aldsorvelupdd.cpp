@@ -6,6 +6,7 @@
 #include "lan_watch.h"
 #include "log.h"
 #include "state.h"
+#include "status.h"
 #include "supervision.h"
 
 #include <ald/daemon.h>
@@ -129,6 +130,7 @@ int run() {
     epoll_event events[2];
     while (!stop_requested) {
         if (child_pid == 0) start_sorvelupd();
+        status_flush();
 
         const int watch_fd = watch.get_fd();
         if (watch_fd < 0 || !epoll_watch(watch_fd)) ALD_LOG(error, "failed to add notif fd to epoll");
@@ -170,6 +172,7 @@ int run() {
     close(signal_fd);
     close(epoll_fd);
     close(stop_fd);
+    status_remove();
     ALD_LOG(info, "stop ald sorvelupd daemon");
     return 0;
 }

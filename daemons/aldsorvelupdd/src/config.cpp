@@ -2,6 +2,7 @@
 
 #include "log.h"
 #include "state.h"
+#include "status.h"
 #include "supervision.h"
 
 #include <ald/error.h>
@@ -36,6 +37,7 @@ bool write_config(const json_ptr& document) {
         temp.unlink();
         return false;
     }
+    status_written(document);
     return true;
 }
 
@@ -68,6 +70,7 @@ bool update_aur_config(const ald::path& key) {
     if (value == last_aur_enabled) return true;
 
     kill_and_wait_sorvelupd();
+    status_update_begun();
     bool written;
     {
         json_ptr document(json_load_file(config_path.c_str(), 0, nullptr));
@@ -88,6 +91,7 @@ bool update_lan_config() {
         std::lock_guard<std::mutex> lock(lan_mutex);
         names = lan_interfaces;
     }
+    status_update_begun();
     json_ptr document(json_load_file(config_path.c_str(), 0, nullptr));
     if (!document) {
         ALD_LOG(error, "failed to load config json");

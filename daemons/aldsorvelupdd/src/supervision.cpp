@@ -3,6 +3,7 @@
 #include "config.h"
 #include "log.h"
 #include "state.h"
+#include "status.h"
 
 #include <ald/error.h>
 #include <ald/process.h>
@@ -97,6 +98,8 @@ void start_sorvelupd() {
         child_pid = 0;
     } else if (child_pid == 0) {
         exec_updater(output.c_str(), envp);
+    } else {
+        status_started(child_pid);
     }
     ALD_LOG(info, "fork sorvelupd [pid %d]", child_pid);
 }
@@ -118,6 +121,7 @@ bool wait_sorvelupd() {
     int status = 0;
     const pid_t reaped = waitpid(child_pid, &status, WNOHANG);
     if (reaped > 0) {
+        status_ended(status);
         if (WIFEXITED(status)) {
             ALD_LOG(info, "sorvelupd [pid %d] has exited with status %d", child_pid, WEXITSTATUS(status));
         } else {

@@ -8,6 +8,7 @@
 #include "state.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <malloc.h>
@@ -30,6 +31,7 @@ TEST_F(Soak, RestartsLeaveNoChildAndNoGrowth) {
     const char* wanted = std::getenv("ALD_SOAK_CYCLES");
     const int cycles = std::max(101, wanted ? std::atoi(wanted) : 1000);
     put("updater.conf", "{\"var_path\": \"" + etc + "/missing\"}");
+    std::filesystem::create_directories(etc + "/../../var/run");  // each restart rewrites the status file
     std::set<int> warm_fds, last_fds;
     size_t warm_heap = 0, last_heap = 0;
     int with_child = 0;

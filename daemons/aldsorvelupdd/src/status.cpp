@@ -1,0 +1,108 @@
+#include "status.h"
+
+#include "state.h"
+
+#include <ald/path.h>
+
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <sys/wait.h>
+
+namespace {
+
+// The record is plain values; its JSON is built only to be written, so
+// that nothing is allocated for it while the daemon only runs.
+bool changed = true;  // the file has yet to be written
+pid_t pid = 0;
+json_int_t started = 0;
+json_int_t starts = 0;
+int last_wait_status = -1;  // as waitpid gave it; -1 before any exit
+json_int_t ended = 0;
+constexpr const char* kKeys[] = {"aur_enabled", "pcap_device", "connect_appid"};
+json_t* written[3] = {};  // references to what the last write put in updater.conf
+bool failed = false;
+
+json_int_t now() { return static_cast<json_int_t>(std::time(nullptr)); }
+
+const std::string& file() {
+    static const std::string name = std::string(ald::root_prefix()) + "/var/run/aldsorvelupdd.json";
+    return name;
+}
+
+json_t* last_exit() {
+    if (last_wait_status == -1) return json_null();
+    json_t* end = json_object();
+    json_object_set_new(end, "at", json_integer(ended));
+    if (WIFEXITED(last_wait_status)) {
+        json_object_set_new(end, "status", json_integer(WEXITSTATUS(last_wait_status)));
+    } else {
+        json_object_set_new(end, "signal", json_integer(WTERMSIG(last_wait_status)));
+    }
+    return end;
+}
+
+json_ptr document() {
+    json_t* status = json_object();
+    json_object_set_new(status, "pid", json_integer(pid));
+    json_object_set_new(status, "started", json_integer(started));
+    json_object_set_new(status, "starts", json_integer(starts));
+    json_object_set_new(status, "last_exit", last_exit());
+    json_t* config = json_object();
+    for (int i = 0; i < 3; ++i) json_object_set_new(config, kKeys[i], written[i] ? json_incref(written[i]) : json_null());
+    json_object_set_new(status, "config", config);
+    json_object_set_new(status, "config_failed", json_boolean(failed));
+    return json_ptr(status);
+}
+
+void write_status() {
+    static const ald::path directory(std::string(ald::root_prefix()) + "/var/run");
+    ald::path temp;
+    if (!directory.temp_file(temp)) return;
+    if (json_dump_file(document().get(), temp.c_str(), JSON_INDENT(4)) == -1 ||
+        std::rename(temp.c_str(), file().c_str()) == -1)
+        temp.unlink();
+}
+
+}  // namespace
+
+void status_started(pid_t child) {
+    pid = child;
+    started = now();
+    ++starts;
+    changed = true;
+}
+
+void status_ended(int wait_status) {
+    last_wait_status = wait_status;
+    ended = now();
+    changed = true;
+}
+
+void status_written(const json_ptr& config) {
+    for (int i = 0; i < 3; ++i) {
+        json_decref(written[i]);
+        written[i] = json_incref(json_object_get(config.get(), kKeys[i]));
+    }
+    failed = false;
+    changed = true;
+}
+
+void status_update_begun() {
+    failed = true;
+    changed = true;
+}
+
+void status_flush() {
+    if (pid != child_pid) {
+        pid = child_pid;
+        changed = true;
+    }
+    if (!changed) return;
+    // Written or not, the next attempt waits for the next change: an idle
+    // pass stays an idle pass.
+    changed = false;
+    write_status();
+}
+
+void status_remove() { std::remove(file().c_str()); }
