@@ -12,7 +12,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 . "$top/tests/system/sandbox.sh"
 
 usage() {
-    echo "usage: $0 [--interactive]   (as root)"
+    echo "usage: $0 [--interactive]   (as root; through sudo otherwise)"
     echo "  --interactive  after the walk-through, keep the sandbox running and show"
     echo "                 how to change settings and links in it; Ctrl-C stops it"
 }
@@ -27,10 +27,8 @@ esac
 # --- outside: build, install, enter ------------------------------------------
 
 if [ -z "${SANDBOX_INSIDE:-}" ]; then
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "demo: run as root (sudo $0): the sandbox is a private mount, network and pid namespace" >&2
-        exit 1
-    fi
+    # shellcheck source-path=SCRIPTDIR
+    . "$top/scripts/as-root.sh"
     "$top/scripts/setup.sh"
     build=${ALD_BUILD_DIR:-$top/build}
     [ -f "$build/CMakeCache.txt" ] || cmake -S "$top" -B "$build" >/dev/null

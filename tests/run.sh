@@ -9,9 +9,16 @@
 #   tsan   the tests labelled threads under ThreadSanitizer (build-tsan/)
 #   tests/run.sh [STAGE...]     (default: all four, in this order)
 # ALD_SOAK_CYCLES, ALD_CRASH_KILLS and ALD_FUZZ_SECONDS make runs longer.
+# Needs root (packages, namespaces): it asks sudo for it when run as a user.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source-path=SCRIPTDIR/../scripts
+. "$top/scripts/as-root.sh"
 jobs=$(nproc)
+# A test stops after 300 s; the long runs get time in proportion to the
+# knobs (a soak cycle or a crash kill takes a few milliseconds or a few
+# tenths of a second: 10 ms and 1 s leave room for the slowest stage).
+limit=$((300 + ${ALD_SOAK_CYCLES:-0} / 100 + ${ALD_CRASH_KILLS:-0}))
 "$top/scripts/setup.sh" base cross fuzz vm
 
 # stage NAME CMAKE-ARGS... -- CTEST-ARGS... builds $targets (default: all)
@@ -32,7 +39,7 @@ stage() {
     ASAN_OPTIONS="$common:detect_leaks=1:log_path=$dir/reports/asan" \
         UBSAN_OPTIONS="$common:print_stacktrace=1:log_path=$dir/reports/ubsan" \
         TSAN_OPTIONS="$common:log_path=$dir/reports/tsan" \
-        ctest --test-dir "$dir" --output-on-failure -j"$jobs" "$@"
+        ctest --test-dir "$dir" --output-on-failure -j"$jobs" --timeout "$limit" "$@"
     grep -h -E '^(soak|crash):' "$dir/Testing/Temporary/LastTest.log" || true
     if [ -n "$(ls -A "$dir/reports")" ]; then
         cat "$dir/reports"/* >&2
