@@ -5,7 +5,7 @@
 # of the environment), or stop with the reason when there is no sudo.
 if [ "$(id -u)" -ne 0 ]; then
     if ! command -v sudo >/dev/null; then
-        echo "$(basename "$0"): needs root (packages, namespaces, mounts): run it as root" >&2
+        echo "$(basename "$0"): needs root, and there is no sudo to ask for it: run it as root" >&2
         exit 1
     fi
     ald_knobs=()

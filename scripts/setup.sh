@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing, the demo and the
 # benchmark need. Idempotent and quick: apt is consulted only when something
-# is missing.
+# is missing, and root (through sudo for a user) only then.
 #
 #   scripts/setup.sh [base] [cross] [fuzz] [vm] [bench]    (default: base)
 #
@@ -43,10 +43,8 @@ for p in "${packages[@]}"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-if [ "$(id -u)" -ne 0 ]; then
-  echo "setup: missing packages: ${missing[*]} (run as root to install them)" >&2
-  exit 1
-fi
+# shellcheck source-path=SCRIPTDIR
+. "$(dirname "$0")/as-root.sh"
 if $cross && ! dpkg --print-foreign-architectures | grep -qx armhf; then
   dpkg --add-architecture armhf
 fi
