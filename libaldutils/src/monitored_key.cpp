@@ -8,6 +8,14 @@
 // moves the path onto other inodes: the watches are then placed again,
 // parent before child, so that a directory made between two steps is still
 // reported by its parent's watch.
+//
+// A key that is a symbolic link changes where its links lead: each file on
+// the way is watched in its directory, for its name, as the key is in its
+// own. The links are followed again each time the watches are placed, and
+// the watches are placed again after every change of the key, so that a
+// link pointed elsewhere is followed before the handler reads the value.
+// Watches only grow their masks (IN_MASK_ADD): a target that sits in a
+// directory of the key's path shares that directory's watch.
 #include <ald/settings.h>
 
 #include <cerrno>
@@ -29,6 +37,9 @@ constexpr std::uint32_t kPathMask =
 constexpr std::uint32_t kKeyMask = kPathMask | IN_CLOSE_WRITE;
 // Whatever happens to a watched directory itself.
 constexpr std::uint32_t kSelfEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
+
+// A directory that cannot be watched because it is not there (yet).
+bool absent(int err) { return err == ENOENT || err == ENOTDIR || err == ELOOP || err == ENAMETOOLONG; }
 
 }  // namespace
 
@@ -82,7 +93,7 @@ bool MonitoredKey::read_notifications() {
             classify(*ev, concerned, moved);
         }
     }
-    if (!broken && moved) {
+    if (!broken && (moved || concerned)) {
         const bool was_present = present_;
         broken = !arm();
         if (!broken) {
@@ -97,6 +108,7 @@ bool MonitoredKey::read_notifications() {
         // key, may have been lost. The caller closes the descriptor.
         fd_ = -1;
         for (auto& level : levels_) level.wd = -1;
+        hops_.clear();
         concerned = true;
     }
     if (concerned && handler_) handler_(key_);
@@ -112,6 +124,7 @@ void MonitoredKey::forget() {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
     for (auto& level : levels_) level.wd = -1;
+    hops_.clear();
 }
 
 // Splits the key's file into the directories that lead to it. The name of
@@ -142,10 +155,12 @@ void MonitoredKey::plan(const std::string& key) {
 // watches of directories that left the path. A missing directory ends the
 // walk: its parent's watch reports it when it appears. The directories above
 // the configuration directory are watched only while it is missing: on a
-// device they see unrelated renames (/etc) that would wake the daemon.
+// device they see unrelated renames (/etc) that would wake the daemon. Then
+// the key's links, when its directory is there.
 bool MonitoredKey::arm() {
     std::vector<int> old;
     for (auto& level : levels_) old.push_back(level.wd);
+    for (auto& hop : hops_) old.push_back(hop.wd);
     bool ok = true;
     std::size_t first = anchor_;
     for (;;) {
@@ -154,21 +169,33 @@ bool MonitoredKey::arm() {
             Level& level = levels_[i];
             level.wd = -1;
             if (missing || i < first) continue;
-            level.wd = ::inotify_add_watch(fd_, level.dir.c_str(), i + 1 == levels_.size() ? kKeyMask : kPathMask);
+            const std::uint32_t mask = (i + 1 == levels_.size() ? kKeyMask : kPathMask) | IN_MASK_ADD;
+            level.wd = ::inotify_add_watch(fd_, level.dir.c_str(), mask);
             if (level.wd >= 0) continue;
             // Not a directory there (yet): the key cannot exist below it.
             missing = true;
-            if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG) ok = false;
+            if (!absent(errno)) ok = false;
         }
         // Without the configuration directory, watch from the top for it.
         if (!ok || first == 0 || levels_[first].wd >= 0) break;
         first = 0;
+    }
+    std::vector<std::string> chain;
+    if (ok && levels_.back().wd >= 0) link_chain(file_, chain);
+    hops_.clear();
+    for (const std::string& file : chain) {
+        const std::size_t slash = file.rfind('/');
+        Level hop{file.substr(0, slash == 0 ? 1 : slash), file.substr(slash + 1), -1};
+        hop.wd = ::inotify_add_watch(fd_, hop.dir.c_str(), kKeyMask | IN_MASK_ADD);
+        if (hop.wd < 0 && !absent(errno)) ok = false;
+        hops_.push_back(std::move(hop));
     }
     int err = errno;
     for (int wd : old) {
         if (wd < 0) continue;
         bool kept = false;
         for (const auto& level : levels_) kept = kept || level.wd == wd;
+        for (const auto& hop : hops_) kept = kept || hop.wd == wd;
         // The kernel may have dropped it already (IN_IGNORED): no matter.
         if (!kept) ::inotify_rm_watch(fd_, wd);
     }
@@ -192,6 +219,11 @@ void MonitoredKey::classify(const inotify_event& ev, bool& concerned, bool& move
         } else {
             moved = true;  // a directory of the path
         }
+    }
+    for (const Level& hop : hops_) {
+        if (hop.wd != ev.wd) continue;
+        if (ev.mask & kSelfEvents) moved = true;
+        if (ev.len != 0 && hop.name == ev.name) concerned = true;
     }
 }
 

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdint>
 #include <fnmatch.h>
@@ -34,6 +36,16 @@ constexpr std::size_t kReceiveBuffer = 32768;
 // taken again, but not forever while links keep changing.
 constexpr int kDumpAttempts = 5;
 constexpr unsigned kDumpSeq = 1;
+// A list that did not reach the callback (the dump failed for want of a
+// descriptor or memory, or the callback threw) is tried again after 1 s,
+// then after twice as long each time, up to 32 s: a shortage that lasts
+// costs a socket and a dump every 32 s, and the list is wrong for at most
+// 32 s after it ends. Only then does the thread wake without a change.
+constexpr int kRetryFirstMs = 1000;
+constexpr int kRetryMaxMs = 32000;
+// How long the thread waits when poll itself fails (ENOMEM; EINVAL when
+// RLIMIT_NOFILE is below its two descriptors) before it polls again.
+constexpr auto kPollErrorPause = std::chrono::seconds(1);
 
 // What the monitor thread owns. Its descriptors are opened by
 // monitor_open and closed by monitor_close.
@@ -43,6 +55,10 @@ struct Monitor {
     int stop_fd = -1;              // eventfd; readable once uninit wants the thread gone
     pthread_t thread{};
     std::vector<Interface> known;  // the LAN list as the last dump saw it
+    // What wakes the thread from a pause that poll cannot serve.
+    std::mutex stop_mutex;
+    std::condition_variable stop_wake;
+    bool stopping = false;
 };
 
 std::mutex g_lifecycle;  // serialises init and uninit, joins included
@@ -228,8 +244,7 @@ bool read_events(Monitor* m) {
 }
 
 // Dumps and hands the list to the callback. False when the list did not
-// reach it (the dump failed, or something threw); the next notification of
-// any kind then tries again.
+// reach it (the dump failed, or something threw).
 bool report(Monitor* m) {
     try {
         std::vector<Interface> now;
@@ -247,20 +262,33 @@ bool report(Monitor* m) {
     }
 }
 
-// Sleeps in poll without a timeout until a notification or the stop
-// request arrives; the stop request wins.
+// Waits for the pause after a failed poll; true when the stop request came.
+bool pause_unless_stopped(Monitor* m) {
+    std::unique_lock<std::mutex> lock(m->stop_mutex);
+    return m->stop_wake.wait_for(lock, kPollErrorPause, [m] { return m->stopping; });
+}
+
+// Sleeps in poll until a notification or the stop request arrives, without
+// a timeout while the last list reached the callback; the stop request
+// wins. While a list is owed, any notification or the retry timer reports
+// again. No error ends the thread: only uninit does.
 void* monitor_main(void* arg) {
     auto* m = static_cast<Monitor*>(arg);
-    bool undelivered = false;
+    int retry_ms = -1;  // a list is owed when not -1
     for (;;) {
         pollfd fds[2] = {{m->stop_fd, POLLIN, 0}, {mnl_socket_get_fd(m->events), POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
+        const int ready = ::poll(fds, 2, retry_ms);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0 && pause_unless_stopped(m)) break;
+        if (ready < 0) continue;
         if (fds[0].revents != 0) break;
-        if (!read_events(m) && !undelivered) continue;
-        undelivered = !report(m);
+        const bool changed = fds[1].revents != 0 && read_events(m);
+        if (!changed && retry_ms < 0) continue;
+        if (report(m)) {
+            retry_ms = -1;
+        } else {
+            retry_ms = retry_ms < 0 ? kRetryFirstMs : std::min(2 * retry_ms, kRetryMaxMs);
+        }
     }
     return nullptr;
 }
@@ -290,6 +318,8 @@ int monitor_spawn(Monitor* m) {
     pthread_sigmask(SIG_SETMASK, &all, &saved);
     int err = pthread_create(&m->thread, nullptr, monitor_main, m);
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    // Its name tells it apart in ps -T and top -H.
+    if (err == 0) pthread_setname_np(m->thread, "ald-lan");
     if (err == 0) return 0;
     errno = err;
     return -1;
@@ -313,6 +343,11 @@ Monitor* monitor_start(const std::shared_ptr<const Patterns>& patterns) {
 
 // Returns once the thread has left, also when it was inside the callback.
 void monitor_stop(Monitor* m) {
+    {
+        std::lock_guard<std::mutex> lock(m->stop_mutex);
+        m->stopping = true;
+    }
+    m->stop_wake.notify_one();
     std::uint64_t one = 1;
     while (::write(m->stop_fd, &one, sizeof one) < 0 && errno == EINTR) {
     }

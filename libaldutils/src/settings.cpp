@@ -24,6 +24,12 @@ std::string key_file(const std::string& key) {
     return store_directory() + key;
 }
 
+// The directory part of a file's path ("/" for "/x").
+std::string directory_of(const std::string& file) {
+    const std::size_t slash = file.rfind('/');
+    return slash == 0 ? "/" : file.substr(0, slash);
+}
+
 // mkdir -p: every missing directory of `dir`, mode 0755 before the umask.
 // An existing non-directory on the way fails with ENOTDIR.
 int make_directories(const std::string& dir) {
@@ -165,10 +171,11 @@ int getKey(const std::string& key, std::string& value) {
         errno = EINVAL;
         return -1;
     }
-    // Only a regular file of the store holds a value: O_NOFOLLOW keeps a link
-    // from leading out of it, O_NONBLOCK a FIFO from hanging the reader, and
-    // the size cap a device or a huge file from exhausting memory.
-    int fd = ::open(key_file(key).c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    // Only a regular file holds a value, whatever links lead to it:
+    // O_NONBLOCK keeps a FIFO from hanging the reader, and the size cap (also
+    // while reading: procfs files say 0) a device or a huge file from
+    // exhausting memory.
+    int fd = ::open(key_file(key).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return -1;
     struct stat st;
     int err = ::fstat(fd, &st) != 0    ? errno
@@ -241,9 +248,13 @@ int setKey(const std::string& key, const std::string& value) {
         errno = EISDIR;
         return -1;
     }
-    const std::string file = key_file(key);
-    const std::string dir = file.substr(0, file.rfind('/'));
-    if (make_directories(dir) != 0) return -1;
+    std::string file = key_file(key);
+    if (make_directories(directory_of(file)) != 0) return -1;
+    // Renaming over a link would replace it: the value goes where it leads.
+    std::vector<std::string> hops;
+    if (link_chain(file, hops) != 0) return -1;
+    if (!hops.empty()) file = hops.back();
+    const std::string dir = directory_of(file);
     path temp;
     if (!path(dir).temp_file(temp)) return -1;
     // temp_file made the name with O_EXCL; O_NOFOLLOW keeps a link put in its
@@ -260,6 +271,26 @@ int setKey(const std::string& key, const std::string& value) {
     errno = err;
     if (!ok || ::rename(temp.c_str(), file.c_str()) != 0) return discard(temp);
     return 0;
+}
+
+int link_chain(const std::string& file, std::vector<std::string>& hops) {
+    hops.clear();
+    for (std::string at = file;;) {
+        // The kernel keeps link targets shorter than PATH_MAX: none is cut.
+        char target[PATH_MAX];
+        // Any failure ends the chain: no link there (EINVAL), nothing there,
+        // or a path that the caller's own call then reports.
+        ssize_t n = ::readlink(at.c_str(), target, sizeof target);
+        if (n <= 0) return 0;
+        if (hops.size() == kMaxLinks) {
+            errno = ELOOP;
+            return -1;
+        }
+        std::string next(target, static_cast<std::size_t>(n));
+        if (next[0] != '/') next.insert(0, at.substr(0, at.rfind('/') + 1));
+        hops.push_back(next);
+        at = std::move(next);
+    }
 }
 
 int deleteKey(const std::string& key) {

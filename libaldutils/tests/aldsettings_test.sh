@@ -3,7 +3,8 @@
 # status and error line.    Usage: aldsettings_test.sh PATH-TO-ALDSETTINGS
 tool=${1:?usage: $0 aldsettings}
 : "${ALD_ROOT:?run through ctest, which gives the test a private ALD_ROOT}"
-rm -rf "$ALD_ROOT" && mkdir -p "$ALD_ROOT" || exit 1
+rm -rf "$ALD_ROOT" && mkdir -p "$ALD_ROOT/persist" && echo 0 >"$ALD_ROOT/persist/aur" || exit 1
+store=$ALD_ROOT/etc/aldrana/settings persist=$ALD_ROOT/persist
 failures=0
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 nl='
@@ -30,20 +31,34 @@ expect 0 "ends in a newline$nl" "" get /nl
 expect 0 "" "" set /a/c ""
 for name in B .hidden "$(printf '\303\244')"; do expect 0 "" "" set "/a/$name" x; done
 expect 0 "B${nl}b${nl}c${nl}$(printf '\303\244')" "" list /a  # visible subkeys in byte order
-expect 1 "" "aldsettings: /a: is a directory key, it has no value" get /a
+expect 1 "" "aldsettings: /a: is a directory key, so it has no value" get /a
 expect 1 "" "aldsettings: /a/b: is a value key, it has no subkeys" list /a/b
 expect 1 "" "aldsettings: /a/b/c: a parent key holds a value" set /a/b/c x
 expect 1 "" "aldsettings: /a: is a directory key, it cannot hold a value" set /a x
+ln -s "$persist" "$store/a/persisted" || exit 1
+expect 0 "aur" "" list /a/persisted  # a link to a directory is a directory key
 expect 0 "" "" del /a
+[ -e "$persist/aur" ] || fail "del /a followed a link"
 expect 1 "" "aldsettings: /a: no such key" del /a
 expect 1 "" "aldsettings: /a: no such key" list /a
 expect 2 "" "aldsettings: a/b: invalid key: *" get a/b
 expect 2 "" "aldsettings: /: the root of the store cannot be deleted" del /
-store=$ALD_ROOT/etc/aldrana/settings
-ln -s /dev/zero "$store/zero" && mkfifo "$store/fifo" && truncate -s 17M "$store/big" || exit 1
-expect 1 "" "aldsettings: /zero: is a symbolic link, which reads as no value" get /zero
-expect 1 "" "aldsettings: /fifo: is not a regular file, which reads as no value" get /fifo
-expect 1 "" "aldsettings: /big: holds more than 16 MiB, which reads as no value" get /big
+# Links, relative ones from their own directory, are followed; set replaces
+# (renames over) the file they lead to, or makes it, and keeps them.
+ln -s ../../../persist/aur "$store/aur" && ln -s aur "$store/chain" && ln -s "$persist/new" "$store/new" || exit 1
+ln -s "$persist/no/aur" "$store/unmounted" && ln -s loop "$store/loop" && ln -s /dev/zero "$store/zero" || exit 1
+mkfifo "$store/fifo" && truncate -s 17M "$store/big" && inode=$(stat -c %i "$persist/aur") || exit 1
+expect 0 "0" "" get /chain
+expect 0 "" "" set /chain 1
+[ -L "$store/aur" ] && [ -L "$store/chain" ] && [ "$(cat "$persist/aur")" = 1 ] && [ "$(stat -c %i "$persist/aur")" != "$inode" ] || fail "set /chain"
+expect 0 "" "" set /new x
+[ -L "$store/new" ] && [ "$(cat "$persist/new")" = x ] || fail "set /new"
+expect 1 "" "aldsettings: /unmounted: is a symbolic link to $persist/no/aur, whose directory does not exist" set /unmounted x
+expect 1 "" "aldsettings: /unmounted: is a symbolic link to $persist/no/aur, which does not exist" get /unmounted
+expect 1 "" "aldsettings: /loop: its symbolic links loop, so it reads as no value" get /loop
+expect 1 "" "aldsettings: /zero: is a symbolic link to /dev/zero, which is not a regular file, so it reads as no value" get /zero
+expect 1 "" "aldsettings: /fifo: is not a regular file, so it reads as no value" get /fifo
+expect 1 "" "aldsettings: /big: holds more than 16 MiB, so it reads as no value" get /big
 long=$(head -c 4100 /dev/zero | tr '\0' k)
 expect 2 "" "aldsettings: /a?b: invalid key: it holds a control character" set "/a${nl}b" x
 expect 2 "" "aldsettings: /kkk*k...: invalid key: longer than 4096 bytes" get "/$long"

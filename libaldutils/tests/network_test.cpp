@@ -8,9 +8,13 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sched.h>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -22,6 +26,22 @@ using names = std::vector<std::string>;
 namespace {
 
 void ip(const std::string& args) { ASSERT_EQ(std::system(("ip " + args).c_str()), 0) << args; }
+
+// Whether `done` holds within 10 s.
+template <typename Done> bool within(Done done) {
+    for (int i = 0; i < 10000 && !done(); ++i) std::this_thread::sleep_for(1ms);
+    return done();
+}
+
+// The state (R, S, ...; X once gone) of the task whose stat file is open
+// on `fd`: read with no descriptor to spare.
+char state(int fd) {
+    char stat[512];
+    const ssize_t n = ::pread(fd, stat, sizeof stat - 1, 0);
+    stat[n > 0 ? n : 0] = '\0';
+    const char* end = std::strrchr(stat, ')');
+    return end && end[1] == ' ' ? end[2] : 'X';
+}
 
 class Lan : public ::testing::Test {
 protected:
@@ -50,7 +70,7 @@ TEST_F(Lan, WithoutTheKeyOnlyBrLanIsLanAndBlanksMakeNoLinkLan) {
     ip("link add lan1 type bridge");
     ip("link add br-lan type bridge");
     const std::pair<const char*, names> keys[] = {
-        {nullptr, {"br-lan"}}, {"", {}}, {" \t", {}}, {"lan? \t\nbr-*", {"lan1", "br-lan"}}};
+        {nullptr, {"br-lan"}}, {"", {}}, {"lan? \t\nbr-*", {"lan1", "br-lan"}}};
     for (const auto& key : keys) {
         start(key.first);
         EXPECT_EQ(now(), key.second) << (key.first ? key.first : "no key");
@@ -59,27 +79,59 @@ TEST_F(Lan, WithoutTheKeyOnlyBrLanIsLanAndBlanksMakeNoLinkLan) {
     }
 }
 
-TEST_F(Lan, TheMonitorCallsBackForLinksAndUninitWaitsAndForgets) {
+// The monitor first cannot open a dump's socket (no descriptor free below
+// the limit), then cannot even poll (a limit below its two descriptors).
+// The limit comes back once the thread has tried, and nothing changes after.
+TEST_F(Lan, TheMonitorReportsEachChangeOnceAfterFailuresAndUninitWaitsAndForgets) {
     ip("link add lan0 type bridge");
+    ip("link add x1 type bridge");
     start("lan*");
-    std::atomic<int> calls{0};
-    std::atomic<size_t> first{0};
-    std::atomic<bool> left{false};
+    int stat = -1;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(task.path() / "comm") >> name;
+        if (name == "ald-lan") stat = ::open((task.path() / "stat").c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    ASSERT_GE(stat, 0) << "no monitor thread";
+    std::mutex mutex;
+    std::vector<names> lists;
+    std::atomic<bool> left{true};
+    auto calls = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return lists.size();
+    };
     nm::set_on_lan_interface_change([&](const std::vector<nm::Interface>& lan) {
-        if (calls++ == 0) first = lan.size();
+        left = false;
+        std::unique_lock<std::mutex> lock(mutex);
+        lists.emplace_back();
+        for (const nm::Interface& interface : lan) lists.back().push_back(interface.name);
+        lock.unlock();
         std::this_thread::sleep_for(300ms);
         left = true;
     });
     ip("link set lan0 up");  // a change of state only: no call (the daemon would not see one)
-    ip("link add lan1 type bridge");
-    while (calls == 0) std::this_thread::sleep_for(1ms);
-    nm::uninit();
+    rlimit files;
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    const int free_fd = ::dup(0);
+    ::close(free_fd);
+    const std::pair<int, std::string> steps[] = {{free_fd, "x1 name lan1"}, {1, "lan1 name x1"}};
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_TRUE(within([&] { return left.load(); }));
+        // prlimit lowers this process's limit; ip wakes the thread before it returns.
+        const std::string limit = "prlimit --nofile=" + std::to_string(steps[i].first) + ": --pid ";
+        EXPECT_EQ(std::system((limit + std::to_string(::getpid()) + " && ip link set " + steps[i].second).c_str()), 0);
+        EXPECT_TRUE(within([&] { return state(stat) != 'R'; }));
+        ::setrlimit(RLIMIT_NOFILE, &files);
+        EXPECT_TRUE(within([&] { return calls() > i; })) << steps[i].second;
+    }
+    nm::uninit();  // while the last call sleeps
     EXPECT_TRUE(left);
-    EXPECT_EQ(first, 2u) << "called for a change of state";
+    EXPECT_EQ(lists, (std::vector<names>{{"lan0", "lan1"}, {"lan0"}})) << "called for a change of state";
     ASSERT_EQ(nm::init(true), 0);  // a new start has no callback
-    ip("link add lan2 type bridge");
+    ip("link add lan3 type bridge");
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(calls(), 2u);
+    ::close(stat);
 }
 
 }  // namespace

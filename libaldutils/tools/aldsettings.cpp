@@ -28,7 +28,8 @@ const char kHelp[] =
     "A KEY starts with \"/\" and has no empty, \".\" or \"..\" component, no control\n"
     "character, at most 255 bytes a component and 4096 in all; \"/\" is the\n"
     "root of the store. A directory key has subkeys and no value; a value key has\n"
-    "a value and no subkeys.\n"
+    "a value and no subkeys. A key that is a symbolic link is the file it leads\n"
+    "to: set writes there and keeps the link; del removes the link alone.\n"
     "\n"
     "Exit status:\n"
     "  0  success\n"
@@ -55,16 +56,30 @@ int finish() {
     return kFailed;
 }
 
+// Where the key's symbolic links lead, or "" when it is no link.
+std::string link_target(const std::string& key) {
+    std::vector<std::string> hops;
+    ald::setMgmt::link_chain(ald::setMgmt::store_directory() + key, hops);
+    return hops.empty() ? "" : hops.back();
+}
+
 int get(const std::string& key) {
     std::string value;
     if (ald::setMgmt::getKey(key, value) != 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return fail(kFailed, key, "no such key");
-        if (errno == EISDIR) return fail(kFailed, key, "is a directory key, it has no value");
-        // What a reader of the store takes for a missing key, and why.
-        if (errno == ELOOP) return fail(kFailed, key, "is a symbolic link, which reads as no value");
-        if (errno == EINVAL) return fail(kFailed, key, "is not a regular file, which reads as no value");
-        if (errno == EFBIG) return fail(kFailed, key, "holds more than 16 MiB, which reads as no value");
-        return fail(kFailed, key, because("cannot read"));
+        // What a reader of the store takes for a missing key, and why; a
+        // link says where it leads, since that is where to look.
+        const int err = errno;
+        const std::string target = link_target(key);
+        const char* why = err == ENOENT || err == ENOTDIR ? "does not exist"
+                          : err == EISDIR                 ? "is a directory key, so it has no value"
+                          : err == EINVAL                 ? "is not a regular file, so it reads as no value"
+                          : err == EFBIG                  ? "holds more than 16 MiB, so it reads as no value"
+                                                          : nullptr;
+        errno = err;
+        if (err == ELOOP) return fail(kFailed, key, "its symbolic links loop, so it reads as no value");
+        if (!why) return fail(kFailed, key, because("cannot read"));
+        if (!target.empty()) return fail(kFailed, key, "is a symbolic link to " + target + ", which " + why);
+        return fail(kFailed, key, err == ENOENT || err == ENOTDIR ? "no such key" : why);
     }
     value += '\n';
     std::fwrite(value.data(), 1, value.size(), stdout);
@@ -77,6 +92,10 @@ int set(const std::string& key, const std::string& value) {
     if (err == EISDIR) return fail(kFailed, key, "is a directory key, it cannot hold a value");
     // Not a directory on the way: a key in the store, or the store's own path.
     if (err == ENOTDIR && ald::setMgmt::init(false) == 0) return fail(kFailed, key, "a parent key holds a value");
+    // A link into storage that is not there (not mounted?).
+    const std::string target = link_target(key);
+    if (err == ENOENT && !target.empty())
+        return fail(kFailed, key, "is a symbolic link to " + target + ", whose directory does not exist");
     errno = err;
     return fail(kFailed, key, because("cannot set"));
 }

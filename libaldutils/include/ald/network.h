@@ -21,10 +21,12 @@ struct Interface {
 using lan_change_callback = std::function<void(const std::vector<Interface>&)>;
 
 // Reads the LAN patterns, which hold until uninit, subscribes to link
-// notifications and starts the one monitor thread, which blocks every
-// signal. The argument is reserved (pass true). 0, or -1 with errno set. A
-// second init without uninit fails with EALREADY. Descriptors are
-// close-on-exec.
+// notifications and starts the one monitor thread ("ald-lan" in ps -T),
+// which blocks every signal and lives until uninit whatever fails: a failed
+// poll (ENOMEM, or EINVAL under an RLIMIT_NOFILE below 2) is tried again
+// after a pause of 1 s. The argument is reserved (pass true). 0, or -1 with
+// errno set. A second init without uninit fails with EALREADY. Descriptors
+// are close-on-exec.
 int init(bool monitor);
 // Stops and joins the monitor thread, closes its descriptors and drops the
 // registered callback. No callback runs after it returns, also when one was
@@ -45,9 +47,12 @@ int get_lan_interfaces(std::vector<Interface>& out);
 // out of the patterns; when notifications were lost it dumps and calls it
 // too. Changes of other links and of a link's flags or state do not call
 // it. Safe to call while the thread runs, also from the callback: a call
-// already under way ends with the callback it began with. An exception
-// that leaves the callback is caught; the next link notification then
-// repeats the report.
+// already under way ends with the callback it began with. A list that does
+// not reach the callback, because the dump failed (no descriptor or memory
+// to spare) or an exception left the callback (it is caught), is reported
+// again at the next link notification of any kind or after 1 s, 2, 4, ...
+// up to 32 s between tries, until it does; between changes, when nothing is
+// owed, the thread sleeps in the kernel without a timeout.
 void set_on_lan_interface_change(lan_change_callback callback);
 
 }  // namespace netMgmt

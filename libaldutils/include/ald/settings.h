@@ -2,7 +2,9 @@
 // The settings store: one file per key under $ALD_ROOT/etc/aldrana/settings.
 //
 // The key "/a/b/c" is the file a/b/c in the store; its value is the file's
-// content with one trailing newline removed. A key that is a directory has
+// content with one trailing newline removed. Symbolic links are followed as
+// any reader of a file follows them (firmware links files under /etc to
+// persistent storage): what the links lead to is the key. A key that is a directory has
 // no value; its subkeys are its entries whose names do not start with ".",
 // in byte order. A key is valid when it starts with "/", has no empty, "."
 // or ".." component and is at most PATH_MAX long ("/" is the store's root);
@@ -39,12 +41,14 @@ bool valid_key(const std::string& key);
 
 // The largest value a key can hold, in bytes.
 constexpr std::size_t kMaxValueSize = 16 << 20;
+// The most links followed from one file; more fail with ELOOP.
+constexpr std::size_t kMaxLinks = 40;
 // 0 and the value, or -1 with errno set and `value` untouched: ENOENT or
-// ENOTDIR for a missing key, EINVAL for an invalid key or one that is not a
-// regular file (a FIFO or device never blocks the reader), ELOOP for a
-// symbolic link (never followed), EFBIG for a file larger than
-// kMaxValueSize, EISDIR for a directory key, the read's error for an
-// unreadable one. Each of them reads as a missing key.
+// ENOTDIR for a missing key (a link to nothing included), EINVAL for an
+// invalid key or one that is, after its links, not a regular file (a FIFO
+// or device never blocks the reader), ELOOP for links that loop, EFBIG for
+// a file larger than kMaxValueSize, EISDIR for a directory key, the read's
+// error for an unreadable one. Each of them reads as a missing key.
 int getKey(const std::string& key, std::string& value);
 // 0 and the visible subkey names in byte order (an empty directory gives an
 // empty list), or -1 with errno set and `names` untouched for a missing,
@@ -60,15 +64,29 @@ std::string getKeyValue(const std::string& key, const std::string& default_value
 // unchanged) atomically: a hidden temporary file in the key's directory,
 // mode 0644 before the umask, synced, then renamed over the key. A reader
 // sees the old value or the new one, never a part. Missing parent keys (and
-// the store's directory) are created. 0, or -1 with errno set and nothing
-// left behind (EINVAL for an invalid key, EISDIR for a directory key or "/",
-// ENOTDIR when a parent key holds a value).
+// the store's directory) are created. A key that is a symbolic link stays
+// one: the value replaces the file its links lead to, in the same way in
+// that file's directory, so that it persists where the firmware keeps it.
+// A link to nothing gets its file made, as a shell redirection through it
+// would; no directory is made outside the key's path, so a link into
+// storage that is not mounted fails with ENOENT rather than writing under
+// the mount point. 0, or -1 with errno set and nothing left behind (EINVAL
+// for an invalid key, EISDIR for a directory key or "/", ENOTDIR when a
+// parent key holds a value, ELOOP for links that loop).
 int setKey(const std::string& key, const std::string& value);
-// Removes a key; a directory key is removed with everything under it, and
-// symbolic links in it are removed, never followed. Not atomic for a
-// directory key. 0, or -1 with errno set (ENOENT or ENOTDIR for a missing
-// key, EINVAL for an invalid key or for the store's root "/").
+// Removes a key; a directory key is removed with everything under it.
+// Symbolic links are removed, never followed: deleting a linked key removes
+// the link and keeps what it leads to. Not atomic for a directory key. 0, or
+// -1 with errno set (ENOENT or ENOTDIR for a missing key, EINVAL for an
+// invalid key or for the store's root "/").
 int deleteKey(const std::string& key);
+
+// The files that the symbolic links of `file` lead through, in order: each
+// link's target, made relative to the directory of the link that holds it
+// when it is not absolute; the last one holds the value, whether or not it
+// exists. Empty when `file` is no link. 0, or -1 with errno ELOOP after
+// kMaxLinks links (`hops` then holds those).
+int link_chain(const std::string& file, std::vector<std::string>& hops);
 
 // A watch on one key, on inotify.
 //
@@ -77,7 +95,14 @@ int deleteKey(const std::string& key);
 // of changes beside the path costs a wake-up and no handler call. When a
 // directory on the path appears, vanishes or is renamed, the watches are
 // placed again along the path, top down, and the key is looked at afresh: a
-// key that exists before or after counts as changed.
+// key that exists before or after counts as changed. A key that is a
+// symbolic link is watched where its links lead too: the directory of each
+// file on the way, for that file's name, followed afresh whenever the
+// watches are placed again and after every change of the key, so that a
+// value written through the link or beside its target and renamed there, or
+// the link replaced or removed, calls the handler. A target whose directory
+// is missing is seen once the key or its path changes; changes of other
+// files in a target's directory wake the descriptor without a handler call.
 class MonitoredKey {
 public:
     using handler_type = bool (*)(const path& key);
@@ -133,6 +158,7 @@ private:
     bool cancelled_ = false;
     int fd_ = -1;
     std::vector<Level> levels_;  // top ("/") first
+    std::vector<Level> hops_;    // where the key's links lead, in order
     std::size_t anchor_ = 0;     // the level of the configuration directory
     std::string file_;           // the key's file
     bool present_ = false;       // whether file_ existed when last armed
