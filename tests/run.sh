@@ -12,7 +12,7 @@
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
-"$top/scripts/setup.sh" base cross fuzz vm
+"$top/scripts/setup.sh" base cross fuzz vm systemd
 
 # stage NAME CMAKE-ARGS... -- CTEST-ARGS... builds $targets (default: all)
 # and runs the tests. Every sanitizer report, also of
