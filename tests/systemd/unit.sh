@@ -8,8 +8,7 @@
 fails=0
 # check WHAT TENTHS CMD...: CMD holds within TENTHS tenths of a second (1: at once).
 check() {
-    what=$1 n=$2
-    shift 2
+    what=$1 n=$2 && shift 2
     until "$@"; do
         n=$((n - 1))
         [ $n -gt 0 ] || { echo "systemd: FAIL $what"; fails=$((fails + 1)); return; }
@@ -26,11 +25,9 @@ at() { journal -p "$1" >/run/lines && [ -s /run/lines ] && ! grep -v "^$2: " /ru
 opened() { grep -qsx 'packet socket open' "$1/sorvelupd.out_err.log"; }
 main_pid() { systemctl show -P MainPID $unit; }
 # One updater runs, and it is the daemon's child.
-one_updater() {
-    # shellcheck disable=SC2046 # a word per updater
-    set -- "$(main_pid)" $(grep -ls 'sorvel/sorvel[u]pd' /proc/[0-9]*/cmdline)
-    [ $# = 2 ] && grep -q "^PPid:.$1\$" "${2%cmdline}status"
-}
+# shellcheck disable=SC2046 # a word per updater
+one_updater() { set -- "$(main_pid)" $(grep -ls 'sorvel/sorvel[u]pd' /proc/[0-9]*/cmdline) && [ $# = 2 ] &&
+    grep -q "^PPid:.$1\$" "${2%cmdline}status"; }
 restarted() { [ "$(main_pid)" != "$1" ] && one_updater; }
 stopped() { [ "$(systemctl show -P Result $unit)" = success ] && ! systemctl -q is-active $unit && ! one_updater; }
 
@@ -40,8 +37,7 @@ stopped() { [ "$(systemctl show -P Result $unit)" = success ] && ! systemctl -q 
 mkdir -p /opt/aldrana/sorvel /etc/aldrana /run/var /tmp/var
 cat >/opt/aldrana/sorvel/sorvelupd <<'EOF'
 #!/usr/bin/perl
-$| = 1;
-$SIG{TERM} = 'IGNORE' if $ENV{STANDIN_IGNORE_TERM};
+$| = 1; $SIG{TERM} = 'IGNORE' if $ENV{STANDIN_IGNORE_TERM};
 print socket(my $s, 17, 3, 0) ? "packet socket open\n" : "packet socket: $!\n";
 sleep 60 while 1;
 EOF
@@ -51,16 +47,15 @@ systemctl start $unit
 check "no updater.conf: an error" 50 logged "failed to get file for redirection"
 echo '{"var_path": "/run/var"}' >/etc/aldrana/updater.conf
 check "the updater's packet socket" 50 opened /run/var
-echo '{"var_path": "/tmp/var"}' >/etc/aldrana/updater.conf
-daemon=$(main_pid)
-kill -KILL "$daemon"
-check "killed daemon restarted with one updater" 50 restarted "$daemon"
-check "var_path in /tmp: the output, seen outside the unit" 30 opened /tmp/var
 systemctl stop $unit
 check "stop: within TimeoutStopSec, no updater left" 1 stopped
 aldsettings set /daemons/aldsorvelupdd/env_vars/STANDIN_IGNORE_TERM 1
+echo '{"var_path": "/tmp/var"}' >/etc/aldrana/updater.conf
 systemctl start $unit
-check "started with an updater that ignores SIGTERM" 50 one_updater
+check "started again, with an updater that ignores SIGTERM" 50 one_updater
+daemon=$(main_pid) && kill -KILL "$daemon"
+check "killed daemon restarted with one updater" 50 restarted "$daemon"
+check "var_path in /tmp: the output, seen outside the unit" 30 opened /tmp/var
 systemctl stop $unit
 check "stop, SIGTERM ignored: within TimeoutStopSec, no updater left" 1 stopped
 check "stop, SIGTERM ignored: the updater got SIGKILL" 1 logged "sent signal #9"
