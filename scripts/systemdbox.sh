@@ -50,7 +50,8 @@ done | sort -u | tr '\n' ,)systemd
 root=$cache/root
 if [ "$(cat "$cache/packages" 2>/dev/null)" != "$packages" ]; then
     echo "systemdbox: making the root ($packages)"
-    rm -rf "$root" "$root.new" && mkdir -p "$cache"
+    command -v mmdebstrap >/dev/null || { echo "systemdbox: no mmdebstrap: scripts/setup.sh systemd" >&2; exit 1; }
+    rm -rf --one-file-system "$root" "$root.new" && mkdir -p "$cache"
     # shellcheck source=/dev/null
     release=$(. /etc/os-release && echo "$VERSION_CODENAME")
     mapfile -t sources < <(ls /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
@@ -58,7 +59,8 @@ if [ "$(cat "$cache/packages" 2>/dev/null)" != "$packages" ]; then
     options=(--variant=essential --include="$packages" --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr
         --dpkgopt=force-unsafe-io)
     for d in doc man locale info; do options+=(--dpkgopt="path-exclude=/usr/share/$d/*"); done
-    mmdebstrap "${options[@]}" "$release" "$root.new" "${sources[@]}" >"$cache/mmdebstrap.log" 2>&1 || {
+    # In a mount namespace of its own, so that no mount outlives an interrupted run.
+    unshare --mount --propagation private mmdebstrap "${options[@]}" "$release" "$root.new" "${sources[@]}" >"$cache/mmdebstrap.log" 2>&1 || {
         tail -20 "$cache/mmdebstrap.log" >&2
         echo "systemdbox: mmdebstrap failed (log: $cache/mmdebstrap.log)" >&2
         exit 1
