@@ -56,9 +56,10 @@ if [ "$(cat "$cache/packages" 2>/dev/null)" != "$packages" ]; then
     release=$(. /etc/os-release && echo "$VERSION_CODENAME")
     mapfile -t sources < <(ls /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
         /etc/apt/sources.list.d/*.sources 2>/dev/null)
+    # The essential set, merged /usr (no perl for usrmerge), no fsync. Documentation is
+    # kept: leaving it out (path-exclude) makes the extraction four times slower.
     options=(--variant=essential --include="$packages" --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr
         --dpkgopt=force-unsafe-io)
-    for d in doc man locale info; do options+=(--dpkgopt="path-exclude=/usr/share/$d/*"); done
     # In a mount namespace of its own, so that no mount outlives an interrupted run.
     unshare --mount --propagation private mmdebstrap "${options[@]}" "$release" "$root.new" "${sources[@]}" >"$cache/mmdebstrap.log" 2>&1 || {
         tail -20 "$cache/mmdebstrap.log" >&2
