@@ -20,7 +20,7 @@
 # and /proc/sys are read-only. CHECK runs as root in /guest, outside any
 # unit, with a clean environment and the staged programs on its PATH, its
 # output on standard output. Exit status: CHECK's, 1 when the boot or CHECK takes
-# longer than SYSTEMDBOX_SECONDS (180), 77 with the reason when this
+# longer than SYSTEMDBOX_SECONDS (180) each, 77 with the reason when this
 # machine cannot make such a container. Needs `scripts/setup.sh systemd`.
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: $0 STAGE CHECK [FILE...]" >&2; exit 2; }
@@ -61,7 +61,8 @@ if [ "$(cat "$cache/packages" 2>/dev/null)" != "$packages" ]; then
     options=(--variant=essential --include="$packages" --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr
         --dpkgopt=force-unsafe-io)
     # In a mount namespace of its own, so that no mount outlives an interrupted run.
-    unshare --mount --propagation private mmdebstrap "${options[@]}" "$release" "$root.new" "${sources[@]}" >"$cache/mmdebstrap.log" 2>&1 || {
+    unshare --mount --propagation private mmdebstrap "${options[@]}" "$release" "$root.new" "${sources[@]}" \
+        >"$cache/mmdebstrap.log" 2>&1 || {
         tail -20 "$cache/mmdebstrap.log" >&2
         echo "systemdbox: mmdebstrap failed (log: $cache/mmdebstrap.log)" >&2
         exit 1
@@ -131,18 +132,20 @@ box=$!
 inside() { nsenter -t "$(cat "$work/pid")" -m -u -i -n -p -C -r "$@"; }
 booted() {
     box_gone && return 0
-    [ -s "$work/pid" ] && case $(inside -w systemctl is-system-running 2>/dev/null) in running | degraded) ;; *) false ;; esac
+    [ -s "$work/pid" ] || return 1
+    case $(inside -w systemctl is-system-running 2>/dev/null) in running | degraded) ;; *) false ;; esac
 }
-started=$SECONDS
+started=$EPOCHREALTIME
 if ! within $((seconds * 10)) booted || box_gone; then
     box_gone || inside -w journalctl -b -p warning --no-pager >&2 || true
     echo "systemdbox: systemd did not boot within $seconds s" >&2
     exit 1
 fi
-echo "systemdbox: $(inside -w systemctl --version | head -1) booted in $((SECONDS - started)) s"
+took=$(awk -v a="$started" -v b="$EPOCHREALTIME" 'BEGIN { printf "%.1f", b - a }')
+echo "systemdbox: $(inside -w systemctl --version | head -1) booted in $took s"
 status=0
-timeout "$seconds" nsenter -t "$(cat "$work/pid")" -m -u -i -n -p -C -r -w env -i PATH="$prefix/sbin:$prefix/bin:/usr/sbin:/usr/bin" \
-    sh -c 'cd /guest && exec sh ./run' || status=$?
+timeout "$seconds" nsenter -t "$(cat "$work/pid")" -m -u -i -n -p -C -r -w \
+    env -i PATH="$prefix/sbin:$prefix/bin:/usr/sbin:/usr/bin" sh -c 'cd /guest && exec sh ./run' || status=$?
 [ $status != 124 ] || { echo "systemdbox: $check did not finish within $seconds s" >&2; status=1; }
 # A clean power-off, or the container is killed with its PID 1.
 kill -RTMIN+4 "$(cat "$work/pid")"
