@@ -24,12 +24,12 @@ at() { journal -p "$1" >/run/lines && [ -s /run/lines ] && ! grep -v "^$2: " /ru
 # The stand-in's output in var_path DIR says that it opened its packet socket.
 opened() { grep -qsx 'packet socket open' "$1/sorvelupd.out_err.log"; }
 main_pid() { systemctl show -P MainPID $unit; }
+updaters() { grep -ls 'sorvel/sorvel[u]pd' /proc/[0-9]*/cmdline; }
 # One updater runs, and it is the daemon's child.
 # shellcheck disable=SC2046 # a word per updater
-one_updater() { set -- "$(main_pid)" $(grep -ls 'sorvel/sorvel[u]pd' /proc/[0-9]*/cmdline) && [ $# = 2 ] &&
-    grep -q "^PPid:.$1\$" "${2%cmdline}status"; }
+one_updater() { set -- "$(main_pid)" $(updaters) && [ $# = 2 ] && grep -q "^PPid:.$1\$" "${2%cmdline}status"; }
 restarted() { [ "$(main_pid)" != "$1" ] && one_updater; }
-stopped() { [ "$(systemctl show -P Result $unit)" = success ] && ! systemctl -q is-active $unit && ! one_updater; }
+stopped() { [ "$(systemctl show -P Result $unit)" = success ] && ! systemctl -q is-active $unit && [ -z "$(updaters)" ]; }
 
 # A stand-in updater that opens a packet socket (AF_PACKET, SOCK_RAW), as a
 # capture on the LAN links does, says so in its output, and runs until a
