@@ -54,8 +54,10 @@ if [ "$(cat "$cache/packages" 2>/dev/null)" != "$packages" ]; then
     rm -rf --one-file-system "$root" "$root.new" && mkdir -p "$cache"
     # shellcheck source=/dev/null
     release=$(. /etc/os-release && echo "$VERSION_CODENAME")
-    mapfile -t sources < <(ls /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
-        /etc/apt/sources.list.d/*.sources 2>/dev/null)
+    # This machine's apt sources for its release: its mirror, no host name here.
+    mapfile -t sources < <(grep -lsw "$release" /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
+        /etc/apt/sources.list.d/*.sources)
+    [ ${#sources[@]} -gt 0 ] || { echo "systemdbox: no apt sources for $release on this machine" >&2; exit 1; }
     # The essential set, merged /usr (no perl for usrmerge), no fsync. Documentation is
     # kept: leaving it out (path-exclude) makes the extraction four times slower.
     options=(--variant=essential --include="$packages" --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr
