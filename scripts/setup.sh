@@ -3,12 +3,13 @@
 # benchmark need. Idempotent and quick: apt is consulted only when something
 # is missing, and root (through sudo for a user) only then.
 #
-#   scripts/setup.sh [base] [cross] [fuzz] [vm] [bench]    (default: base)
+#   scripts/setup.sh [base] [cross] [fuzz] [vm] [systemd] [bench]    (default: base)
 #
 #   base   build, unit and system tests, the demo
 #   cross  the 32-bit ARM (armhf) cross build and qemu-user to run its tests
 #   fuzz   clang with libFuzzer and the sanitizer runtimes
 #   vm     full-system emulation of a 32-bit ARM board (scripts/armvm.sh)
+#   systemd  a Debian root for systemd in a container (scripts/systemdbox.sh)
 #   bench  the peer supervisors and tools the benchmark measures with
 set -euo pipefail
 
@@ -28,8 +29,9 @@ for g in "${groups[@]}"; do
     fuzz) packages+=(clang libclang-rt-dev) ;;
     vm) cross=true
         packages+=(qemu-system-arm cpio binutils) ;;
+    systemd) packages+=(mmdebstrap binutils) ;;
     bench) packages+=(runit s6 strace binutils binutils-arm-linux-gnueabihf) ;;
-    *) echo "setup: unknown group '$g' (base, cross, fuzz, vm, bench)" >&2; exit 2 ;;
+    *) echo "setup: unknown group '$g' (base, cross, fuzz, vm, systemd, bench)" >&2; exit 2 ;;
   esac
 done
 

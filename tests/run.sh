@@ -19,7 +19,7 @@ jobs=$(nproc)
 # knobs (a soak cycle or a crash kill takes a few milliseconds or a few
 # tenths of a second: 10 ms and 1 s leave room for the slowest stage).
 limit=$((300 + ${ALD_SOAK_CYCLES:-0} / 100 + ${ALD_CRASH_KILLS:-0}))
-"$top/scripts/setup.sh" base cross fuzz vm
+"$top/scripts/setup.sh" base cross fuzz vm systemd
 
 # stage NAME CMAKE-ARGS... -- CTEST-ARGS... builds $targets (default: all)
 # and runs the tests. Every sanitizer report, also of
