@@ -51,7 +51,7 @@ echo "value arm.exit $?"
 # the 1048576 that service managers set.
 t=/sys/kernel/tracing
 mount -t tracefs tracefs $t && echo mono >$t/trace_clock &&
-    echo 1 >$t/events/sched/sched_process_fork/enable && echo 1 >$t/events/sched/sched_process_exec/enable
+    echo 1 >$t/events/sched/sched_process_fork/enable && echo 1 >$t/events/sched/sched_process_exec/enable || exit 1
 for limit in 1024 1048576; do
     echo >$t/trace
     (ulimit -n $limit && BENCH_STANDIN_MODE=exit exec aldsorvelupdd 2>>/run/daemon.log) &

@@ -11,9 +11,10 @@
 # measures: sizes (bench/sizes.sh); idle, LAN and restart figures inside a
 # private mount, network and pid namespace (bench/sandbox.sh: a tmpfs over
 # /opt holds the stand-in at /opt/aldrana/sorvel/sorvelupd, the machine's
-# /opt is never touched); the armhf daemon's memory on a 32-bit ARM kernel
+# /opt is never touched); the armhf daemon's memory and its fork to exec of
+# the updater on two 32-bit ARM kernels, Debian 12's and Debian 11's
 # (bench/guest.sh). Raw data of the last run stay in build-bench/results/
-# (report.md is the table, bench/report.sh). About three minutes once built.
+# (report.md is the table, bench/report.sh). About 3 1/4 minutes once built.
 #
 # Environment: BENCH_CYCLES (restart cycles measured, default 12),
 # BENCH_LAN_PAIRS (link add/del pairs, default 4).

@@ -59,10 +59,10 @@ void cloexec_above_stderr() {
     // Before Linux 5.11 close_range has no CLOEXEC: only the open
     // descriptors are visited, however high RLIMIT_NOFILE is.
     if (cloexec_listed()) return;
-    // Without /proc every number below the soft limit is tried, which gives
-    // up speed (a million calls under a limit of 1048576, seconds on a slow
-    // core, before each start) and a descriptor above a limit lowered after
-    // it was opened, which stays inheritable.
+    // Without /proc every number below the soft limit is tried. That gives
+    // up speed (a million calls before each start under a limit of 1048576)
+    // and any descriptor above a limit lowered after it was opened, which
+    // stays inheritable.
     rlimit lim{};
     long max = 1024;
     if (::getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur != RLIM_INFINITY) max = static_cast<long>(lim.rlim_cur);
