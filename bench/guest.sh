@@ -1,8 +1,9 @@
-# The daemon's idle memory and system calls on a 32-bit ARM kernel: run by
-# the guest of scripts/armvm.sh, with bench_idle_ref (the floor: an empty
-# C++ program on the same libraries with one idle thread), bench_standin and,
-# when it could be staged, strace, all armhf, in /guest. Prints "value KEY
-# VALUE" lines, which bench/run.sh adds to its figures.
+# The daemon's idle memory and system calls on a 32-bit ARM kernel, and the
+# time from its fork of an updater to the updater's exec: run by the guest
+# of scripts/armvm.sh, with bench_idle_ref (the floor: an empty C++ program
+# on the same libraries with one idle thread), bench_standin and, when it
+# could be staged, strace, all armhf, in /guest. Prints "value KEY VALUE"
+# lines, which bench/run.sh adds to its figures.
 #
 # The initramfs is a tmpfs, whose pages are always dirty: a program's text
 # read from it counts as Private_Dirty of the one process that touches it.
@@ -42,3 +43,29 @@ kill $ref
 kill -TERM $ours
 wait $ours
 echo "value arm.exit $?"
+
+# Fork to exec, from the kernel's own events (no tracer stops the child):
+# sched_process_fork of the daemon to sched_process_exec of that child, in
+# microseconds, for 6 starts of a stand-in that exits at once (the daemon
+# starts the next a second later), with RLIMIT_NOFILE at its default and at
+# the 1048576 that service managers set.
+t=/sys/kernel/tracing
+mount -t tracefs tracefs $t && echo mono >$t/trace_clock &&
+    echo 1 >$t/events/sched/sched_process_fork/enable && echo 1 >$t/events/sched/sched_process_exec/enable || exit 1
+for limit in 1024 1048576; do
+    echo >$t/trace
+    (ulimit -n $limit && BENCH_STANDIN_MODE=exit exec aldsorvelupdd 2>>/run/daemon.log) &
+    d=$!
+    n=0
+    until [ "$(grep -c 'sched_process_exec: filename=/opt/' $t/trace)" -ge 6 ] || [ $n = 1800 ]; do
+        sleep 0.1
+        n=$((n + 1))
+    done
+    kill -TERM $d
+    wait $d
+    echo "value arm.fork_exec_us.$limit $(awk -v d=$d '
+        { for (i = 1; i <= NF && $i !~ /^[0-9]+\.[0-9]+:$/; i++); ts = $i + 0 }
+        / sched_process_fork: / && $0 ~ (" pid=" d " ") { sub(/.*child_pid=/, ""); forked[$1 + 0] = ts }
+        / sched_process_exec: / { sub(/.* pid=/, ""); p = $1 + 0; if (p in forked) printf "%d\n", (ts - forked[p]) * 1e6 }
+        ' $t/trace | sort -n | tr '\n' ' ')"
+done

@@ -11,9 +11,10 @@
 # measures: sizes (bench/sizes.sh); idle, LAN and restart figures inside a
 # private mount, network and pid namespace (bench/sandbox.sh: a tmpfs over
 # /opt holds the stand-in at /opt/aldrana/sorvel/sorvelupd, the machine's
-# /opt is never touched); the armhf daemon's memory on a 32-bit ARM kernel
+# /opt is never touched); the armhf daemon's memory and its fork to exec of
+# the updater on two 32-bit ARM kernels, Debian 12's and Debian 11's
 # (bench/guest.sh). Raw data of the last run stay in build-bench/results/
-# (report.md is the table, bench/report.sh). About three minutes once built.
+# (report.md is the table, bench/report.sh). About 3 1/4 minutes once built.
 #
 # Environment: BENCH_CYCLES (restart cycles measured, default 12),
 # BENCH_LAN_PAIRS (link add/del pairs, default 4).
@@ -39,21 +40,25 @@ outside() {
     note "building x86-64 (MinSizeRel) into $build"
     cmake -S "$bench" -B "$build" -DCMAKE_BUILD_TYPE=MinSizeRel >/dev/null
     cmake --build "$build" -j"$(nproc)" >/dev/null
-    rm -rf "$build/stage" && cmake --install "$build" --prefix "$build/stage" --component runtime >/dev/null
+    rm -rf "$build/stage"
+    cmake --install "$build" --prefix "$build/stage" --component runtime >/dev/null
+    cmake --install "$build" --prefix "$build/stage" --component bench >/dev/null
 
     local armhf_built=0
     note "building armhf (MinSizeRel) into $build_arm"
     if cmake -S "$bench" -B "$build_arm" -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchain-armhf.cmake" \
         -DCMAKE_BUILD_TYPE=MinSizeRel >/dev/null && cmake --build "$build_arm" -j"$(nproc)" >/dev/null; then
         rm -rf "$build_arm/stage"
-        cmake --install "$build_arm" --prefix "$build_arm/stage" --component runtime >/dev/null && armhf_built=1
+        cmake --install "$build_arm" --prefix "$build_arm/stage" --component runtime >/dev/null &&
+            cmake --install "$build_arm" --prefix "$build_arm/stage" --component bench >/dev/null && armhf_built=1
     fi
     [ "$armhf_built" = 1 ] || note "the armhf build failed: nothing armhf is measured"
 
     # A page of a file that is still dirty in the page cache counts as
     # Private_Dirty of the one process that maps it: the freshly installed
-    # binaries go to the disk before anything is measured.
-    sync "$build"/stage/sbin/* "$build"/stage/lib/* "$build"/bench_*
+    # files, which the daemon and the reference program run from, go to the
+    # disk before anything is measured.
+    sync "$build"/stage/*/*
 
     rm -rf "$results"
     mkdir -p "$results"
@@ -65,25 +70,27 @@ outside() {
     trap 'rm -rf "$bench_work"' EXIT
     note "measuring in a private mount, network and pid namespace (about 100 s)"
     BENCH_INSIDE=$bench_work unshare --mount --net --pid --fork --propagation private --kill-child -- "$0"
-    [ "$armhf_built" = 0 ] || guest
+    [ "$armhf_built" = 0 ] || { guest own; guest bullseye; }
     report | tee "$results/report.md"
 }
 
-# The armhf daemon beside its floor on a 32-bit ARM kernel (bench/guest.sh
-# under scripts/armvm.sh), traced by Debian's armhf strace when it can be
-# fetched. The guest needs a RAM disk with ext2 (brd, ext4 and theirs).
+# guest RELEASE: the armhf daemon beside its floor on a 32-bit ARM kernel
+# (bench/guest.sh under scripts/armvm.sh), traced by Debian's armhf strace
+# when it can be fetched: the kernel of the machine's own Debian release
+# (own) or of RELEASE; its values are keyed arm.RELEASE. The guest needs a
+# RAM disk with ext2 (brd, ext4 and theirs).
 guest() {
-    local st=$build_arm/strace files=("$build_arm/bench_idle_ref" "$build_arm/bench_standin")
+    local release=$1 st=$build_arm/strace files=("$build_arm/stage/libexec/bench_idle_ref" "$build_arm/bench_standin")
     if [ ! -x "$st/usr/bin/strace" ]; then
         mkdir -p "$st" && (cd "$st" && apt-get download -q -o APT::Sandbox::User=root strace:armhf >/dev/null 2>&1 &&
             dpkg-deb -x strace_*.deb .) || note "no armhf strace: the idle system calls on armhf are not measured"
     fi
     [ -x "$st/usr/bin/strace" ] && files+=("$st/usr/bin/strace")
-    note "armhf: the daemon and its floor on a 32-bit ARM kernel under full-system emulation (about 60 s)"
-    ARMVM_MODULES="crc16 mbcache jbd2 crc32c_generic ext4 brd" "$top/scripts/armvm.sh" "$build_arm/stage" \
-        "$bench/guest.sh" "${files[@]}" >"$results/armvm-console.log" 2>&1 ||
-        note "the guest failed: see $results/armvm-console.log"
-    sed -n 's/^value \([^ ]*\) \(.*\)$/\1\t\2/p' "$results/armvm-console.log" >>"$results/values.tsv"
+    note "armhf ($release): the daemon and its floor on a 32-bit ARM kernel under full-system emulation (about 90 s)"
+    ARMVM_RELEASE=${release#own} ARMVM_SECONDS=600 ARMVM_MODULES="crc16 mbcache jbd2 crc32c_generic ext4 brd" \
+        "$top/scripts/armvm.sh" "$build_arm/stage" "$bench/guest.sh" "${files[@]}" >"$results/armvm-$release.log" 2>&1 ||
+        note "the guest failed: see $results/armvm-$release.log"
+    sed -n "s/^value arm\.\([^ ]*\) \(.*\)$/arm.$release.\1\t\2/p" "$results/armvm-$release.log" >>"$results/values.tsv"
 }
 
 machine() {

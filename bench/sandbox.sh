@@ -188,7 +188,7 @@ inside() {
     # --- idle ---------------------------------------------------------------
     note "idle: three supervisors and the reference, 10 s to settle, 20 s counted, 20 s traced"
     start_all sleep idle
-    "$build/bench_idle_ref" &
+    "$build/stage/libexec/bench_idle_ref" &
     local P_ref=$!
     local t0
     t0=$(now_ns)

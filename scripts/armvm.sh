@@ -15,7 +15,11 @@
 # ARMVM_SECONDS (default 300); ARMVM_MODULES names kernel modules to load
 # after the bridge and veth ones. The kernel and busybox are Debian's armhf
 # packages, fetched once (apt-get download) into ARMVM_CACHE
-# (default build-armvm/); needs `scripts/setup.sh cross vm`.
+# (default build-armvm/); needs `scripts/setup.sh cross vm`. The kernel is
+# that of the machine's own Debian release, or with ARMVM_RELEASE that of
+# another (bullseye: Linux 5.10), from the archive that the machine's apt
+# sources name (or ARMVM_ARCHIVE) through an apt configuration of its own in
+# the cache: the machine's apt is left as it is.
 set -euo pipefail
 [ $# -ge 2 ] || { echo "usage: $0 STAGE GUEST [FILE...]" >&2; exit 2; }
 stage=$1 guest=$2
@@ -25,23 +29,41 @@ cache=${ARMVM_CACHE:-$top/build-armvm}
 seconds=${ARMVM_SECONDS:-300}
 multiarch=/usr/lib/arm-linux-gnueabihf
 
-# unpacked PACKAGE: the directory into which PACKAGE (armhf) is unpacked, once.
+# unpacked PACKAGE [APT-OPTION...]: the directory into which PACKAGE (armhf)
+# is unpacked, once.
 unpacked() {
     [ -d "$cache/$1" ] && { echo "$cache/$1"; return; }
     rm -rf "$cache/$1.deb.d" && mkdir -p "$cache/$1.deb.d"
-    (cd "$cache/$1.deb.d" && apt-get download -q -o APT::Sandbox::User=root "$1:armhf" >&2)
+    (cd "$cache/$1.deb.d" && apt-get download -q -o APT::Sandbox::User=root "${@:2}" "$1:armhf" >&2)
     dpkg-deb -x "$cache/$1.deb.d"/*.deb "$cache/$1.deb.d/root"
     mv "$cache/$1.deb.d/root" "$cache/$1" && rm -rf "$cache/$1.deb.d"
     echo "$cache/$1"
 }
 mkdir -p "$cache"
-kernel=$(apt-cache depends linux-image-armmp:armhf | sed -n 's/.*Depends: \(linux-image-[^:]*\).*/\1/p' | head -1)
-[ -n "$kernel" ] || { echo "armvm: no linux-image-armmp:armhf in apt's lists" >&2; exit 1; }
-kdir=$(unpacked "$kernel")
+release=${ARMVM_RELEASE:-}
+apt=()
+if [ -n "$release" ]; then
+    a=$cache/apt-$release
+    apt=(-o Dir::Etc::SourceList="$a/sources.list" -o Dir::Etc::SourceParts="$a/none"
+        -o Dir::State::Lists="$a/lists" -o Dir::Cache="$a/cache")
+    if [ ! -e "$a/updated" ]; then
+        # The main archive: the machine's first source whose suite is a release, not its -updates or -security.
+        archive=${ARMVM_ARCHIVE:-$(apt-get indextargets --format '$(RELEASE) $(REPO_URI)' | awk '$1 !~ /-/ {print $2; exit}')}
+        [ -n "$archive" ] || { echo "armvm: no Debian archive in the machine's apt sources; set ARMVM_ARCHIVE" >&2; exit 1; }
+        rm -rf "$a" && mkdir -p "$a/none" "$a/lists/partial" "$a/cache/archives/partial"
+        echo "deb [arch=armhf signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $archive $release main" >"$a/sources.list"
+        apt-get "${apt[@]}" -o APT::Sandbox::User=root update -q >&2 && touch "$a/updated"
+    fi
+fi
+kernel=$(apt-cache "${apt[@]}" depends linux-image-armmp:armhf |
+    sed -n 's/.*Depends: \(linux-image-[^:]*\).*/\1/p' | head -1)
+[ -n "$kernel" ] || { echo "armvm: no linux-image-armmp:armhf in apt's lists${release:+ of $release}" >&2; exit 1; }
+kdir=$(unpacked "$kernel" "${apt[@]}")
 bbdir=$(unpacked busybox-static)
 
-root=$(mktemp -d)
-trap 'rm -rf "$root"' EXIT
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+root=$work/root
 mkdir -p "$root"/{bin,dev,proc,sys,run,tmp,opt,guest,lib/modules,usr/lib,etc/aldrana/settings}
 cp "$bbdir/bin/busybox" "$root/bin/"
 cp -a "$stage/sbin" "$stage/bin" "$root/usr/"
@@ -81,17 +103,17 @@ echo "armvm: exit \$?"
 poweroff -f
 EOF
 chmod 0755 "$root/init"
-(cd "$root" && find . | cpio -o -H newc --quiet | gzip -1) >"$cache/initrd.gz"
+(cd "$root" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/initrd.gz"
 
-console=$cache/console.log
+console=$cache/console${release:+-$release}.log
 started=$SECONDS
 timeout "$seconds" qemu-system-arm -M virt -smp 2 -m 256 -nographic -no-reboot -nic none \
-    -kernel "$kdir"/boot/vmlinuz-* -initrd "$cache/initrd.gz" \
+    -kernel "$kdir"/boot/vmlinuz-* -initrd "$work/initrd.gz" \
     -append "console=ttyAMA0 panic=-1 quiet loglevel=3" </dev/null | tr -d '\r' | tee "$console" || true
 status=$(sed -n 's/^armvm: exit \([0-9]*\)$/\1/p' "$console")
 if [ -z "$status" ]; then
-    echo "armvm: the guest did not finish within $seconds s (console: $console)" >&2
+    echo "armvm: the guest on ${kernel#linux-image-} did not finish within $seconds s (console: $console)" >&2
     exit 1
 fi
-echo "armvm: guest finished in $((SECONDS - started)) s with status $status"
+echo "armvm: the guest on ${kernel#linux-image-} finished in $((SECONDS - started)) s with status $status"
 exit "$status"

@@ -19,19 +19,54 @@ namespace {
 #define CLOSE_RANGE_CLOEXEC (1U << 2)
 #endif
 
-// Marks every descriptor above 2 close-on-exec. Runs in the forked child,
-// so it only makes system calls.
+void mark_cloexec(int fd) {
+    int flags = ::fcntl(fd, F_GETFD);
+    if (flags >= 0 && !(flags & FD_CLOEXEC)) ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+}
+
+// Marks each descriptor above 2 that /proc/self/fd lists. False when the
+// list cannot be read to its end (no /proc).
+bool cloexec_listed() {
+    const int dir = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) return false;
+    // getdents64 records, as the kernel lays them out on every architecture:
+    // inode (8 bytes), offset (8), record length (2), type (1), then the
+    // name, NUL-terminated.
+    alignas(8) char buf[1024];
+    long n;
+    while ((n = ::syscall(SYS_getdents64, dir, buf, sizeof buf)) > 0) {
+        for (long at = 0; at < n;) {
+            unsigned short length;
+            std::memcpy(&length, buf + at + 16, sizeof length);
+            const char* name = buf + at + 19;
+            at += length;
+            int fd = 0;
+            const char* c = name;
+            for (; *c >= '0' && *c <= '9'; ++c) fd = fd * 10 + (*c - '0');
+            if (c != name && *c == '\0' && fd > 2 && fd != dir) mark_cloexec(fd);
+        }
+    }
+    ::close(dir);
+    return n == 0;
+}
+
+// Marks every descriptor above 2 close-on-exec. Runs in the forked child of
+// a process with threads: system calls only, nothing allocated.
 void cloexec_above_stderr() {
 #ifdef SYS_close_range
     if (::syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
 #endif
+    // Before Linux 5.11 close_range has no CLOEXEC: only the open
+    // descriptors are visited, however high RLIMIT_NOFILE is.
+    if (cloexec_listed()) return;
+    // Without /proc every number below the soft limit is tried. That gives
+    // up speed (a million calls before each start under a limit of 1048576)
+    // and any descriptor above a limit lowered after it was opened, which
+    // stays inheritable.
     rlimit lim{};
     long max = 1024;
     if (::getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur != RLIM_INFINITY) max = static_cast<long>(lim.rlim_cur);
-    for (int fd = 3; fd < max; ++fd) {
-        int flags = ::fcntl(fd, F_GETFD);
-        if (flags >= 0 && !(flags & FD_CLOEXEC)) ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
-    }
+    for (int fd = 3; fd < max; ++fd) mark_cloexec(fd);
 }
 
 }  // namespace

@@ -13,9 +13,10 @@ namespace ald {
 // signals and every signal with a handler or ignored get their default
 // action, SIGTERM is set as the parent-death signal (a child whose parent is
 // already gone exits with status 1), the signal mask is emptied, and every
-// descriptor above 2 is marked close-on-exec; only async-signal-safe calls
-// are made there. Returns the child's pid in the
-// parent, 0 in the child, -1 (errno set) on failure.
+// descriptor above 2 is marked close-on-exec (only the open ones are visited,
+// whatever RLIMIT_NOFILE is, unless /proc is missing on a kernel older than
+// 5.11); only async-signal-safe calls are made there. Returns the child's
+// pid in the parent, 0 in the child, -1 (errno set) on failure.
 pid_t fork(std::initializer_list<int> default_signals);
 
 // An environment for exec, starting from a copy of the calling process's.
