@@ -3,7 +3,7 @@
 # and s6's s6-supervise, all three supervising the same stand-in updater
 # (bench/standin.c) in one run. Prints a table; no pass or fail.
 #
-#   sudo bench/run.sh
+#   bench/run.sh      (as root; through sudo otherwise)
 #
 # Builds into build-bench/ (x86-64, MinSizeRel, with the bench programs) and
 # build-bench-armhf/ (the same, cross-built), fetches the peers' and strace's
@@ -31,10 +31,8 @@ kv() { printf '%s\t%s\n' "$1" "${*:2}" >>"$results/values.tsv"; }
 note() { printf 'bench: %s\n' "$*" >&2; }
 
 outside() {
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "bench: run as root (sudo $0): the runs need private mount, network and pid namespaces" >&2
-        exit 1
-    fi
+    # shellcheck source-path=SCRIPTDIR/../scripts
+    . "$top/scripts/as-root.sh"  # private mount, network and pid namespaces
     "$top/scripts/setup.sh" base cross vm bench
 
     note "building x86-64 (MinSizeRel) into $build"

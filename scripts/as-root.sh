@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Sourced first by the scripts that need root (packages, namespaces,
 # mounts): as root they go on; otherwise they run again through sudo, with
-# the ALD_* and ARMVM_* knobs that change what they do (sudo drops the rest
+# the ALD_*, ARMVM_* and BENCH_* knobs that change what they do (sudo drops the rest
 # of the environment), or stop with the reason when there is no sudo.
 if [ "$(id -u)" -ne 0 ]; then
     if ! command -v sudo >/dev/null; then
@@ -9,6 +9,6 @@ if [ "$(id -u)" -ne 0 ]; then
         exit 1
     fi
     ald_knobs=()
-    for ald_knob in $(compgen -v ALD_; compgen -v ARMVM_); do ald_knobs+=("$ald_knob=${!ald_knob}"); done
+    for ald_knob in $(compgen -v ALD_; compgen -v ARMVM_; compgen -v BENCH_); do ald_knobs+=("$ald_knob=${!ald_knob}"); done
     exec sudo -- env "${ald_knobs[@]}" "$0" "$@"
 fi
