@@ -102,22 +102,23 @@ protected:
     std::set<int> before;
 };
 
-// A failed call of the loop's: logged, and the loop goes on (the stop
-// request comes before the wait of pass `last`) or shuts down (last 0).
+// A failed call of the loop's: logged, and the loop goes on to the second
+// wait, before which the stop request comes (2 waits), or shuts down (1).
 const struct loop_failure {
     const char* call;
-    int nth, err, last;
+    int nth, err, waits;
     lines logged;
 } kLoopFailures[] = {
     {"epoll_wait", 1, EINTR, 2, {"warning run: waiting on epoll was interrupted by a signal"}},
-    {"epoll_wait", 1, EBADF, 0, {"error run: failed to wait on epoll"}},
+    {"epoll_wait", 1, EBADF, 1, {"error run: failed to wait on epoll"}},
     {"epoll_ctl", 0, EPERM, 2, {"error run: failed to add notif fd to epoll", "error run: failed to add notif fd to epoll"}},
 };
 class LoopFailure : public Loop, public ::testing::WithParamInterface<loop_failure> {};
 
 TEST_P(LoopFailure, IsLoggedAndTheLoopGoesOnOrShutsDownAndReturnsZero) {
     fail_call(GetParam().call, GetParam().nth, GetParam().err);
-    EXPECT_EQ(run_to(GetParam().last), 0);
+    EXPECT_EQ(run_to(2), 0);
+    EXPECT_EQ(calls("epoll_wait"), GetParam().waits);
     EXPECT_EQ(log(), lines{kStart} + GetParam().logged + stopped(child) + lines{kStop});
 }
 INSTANTIATE_TEST_SUITE_P(EachCall, LoopFailure, ::testing::ValuesIn(kLoopFailures));
