@@ -48,7 +48,7 @@ TEST_F(Config, OutputFileIsVarPathAndTheLogNameOrNothingWithTheReason) {
         const char* file;
         const char* reason;
     } cases[] = {
-        {R"({"var_path": "/var/x", "n": 1})", "/var/x/sorvelupd.out_err.log", ""},
+        {R"({"n": 1, "var_path": "/var/x"})", "/var/x/sorvelupd.out_err.log", ""},
         {R"({"var_path": ""})", "/sorvelupd.out_err.log", ""},
         {R"({"var_path": 42, "x": {"var_path": "/x"}})", "", no_var_path},
         {R"([1, 2])", "", no_var_path},
