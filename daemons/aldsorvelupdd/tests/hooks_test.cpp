@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 extern "C" int __real_main(int argc, char** argv);
@@ -155,18 +154,6 @@ TEST_F(Loop, QueuedLanWakeUpsCostOneStopAndOneRewrite) {
     EXPECT_EQ(run_to(2), 0);
     EXPECT_EQ(calls("rename") - renames, 1);
     EXPECT_EQ(log(), (lines{kStart} + stopped(child) + lines{"error start_sorvelupd: failed to get file for redirection", kStop}));
-}
-
-TEST_F(Loop, AStopThatComesWithTheUpdatersExitStartsNoOther) {
-    put("updater.conf", "{\"var_path\": \"/\"}");
-    const pid_t exited = child_pid = spawn_child(0);  // SIGCHLD is blocked now: its record waits
-    pollfd ready{signal_fd, POLLIN, 0};
-    ASSERT_EQ(::poll(&ready, 1, 5000), 1);
-    stop();
-    EXPECT_EQ(run(), 0);
-    EXPECT_EQ(calls("_ZN3ald4forkESt16initializer_listIiE"), 0);
-    EXPECT_EQ(pauses, 1);
-    EXPECT_EQ(log(), (lines{kStart, stopped(exited)[1], kStop}));
 }
 
 }  // namespace
