@@ -76,8 +76,9 @@ struct stop_case {
     int pauses;
     bool reaped;
 };
-// The last row pins SIGKILL to the group that the recorded pid leads: the
-// grandchild leads none, so both fail (and a SIGKILL to the pid would not).
+// The last row is also the failed kill: the grandchild leads no group, so
+// both SIGKILLs fail, each logged and paused after with no wait (a SIGKILL
+// to the pid itself, not its group, would succeed).
 const stop_case kStops[] = {
     {target::none, {}, 0, true},
     {target::exited, {{kSent15, 1}, {"info wait_sorvelupd: sorvelupd [pid %d] has exited with status 3", 1}}, 0, true},
