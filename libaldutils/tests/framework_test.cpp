@@ -34,8 +34,9 @@ struct outcome {
 
 // Runs `body` in a forked child whose standard output and error are a
 // packet socket, so that every write stays one packet; the exit status is
-// the body's result unless it exits by itself. A body reports a broken
-// property with fail().
+// the body's result unless it exits by itself, 99 if it throws (the test
+// runner must not go on in the child). A body reports a broken property
+// with fail().
 outcome in_child(const std::function<int()>& body) {
     int sockets[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets), 0);
@@ -43,7 +44,9 @@ outcome in_child(const std::function<int()>& body) {
     if (pid == 0) {
         ::dup2(sockets[1], 1);
         ::dup2(sockets[1], 2);
-        ::_exit(body());
+        int status = 99;
+        try { status = body(); } catch (...) {}
+        ::_exit(status);
     }
     ::close(sockets[1]);
     outcome result;
