@@ -15,15 +15,15 @@ within() { [ "$2" -ge "$3" ] && [ "$2" -le "$4" ] || fail "$1: $2, expected $3 t
 # await SECONDS WHAT CMD...: the scenario cannot go on without it.
 await() { wait_until "$1" "${@:3}" || { fail "no $2 within $1 s"; exit 1; }; }
 log_has() { [ "$(grep -c "]: $2\$" "$SB_LOG")" -ge "$1" ]; }
-# The updater's command line, environment, signals, descriptors and
-# output; the three keys written beside the updater's own, indented by 4,
-# mode 0644, nothing left beside. (The stop: tests/armvm.)
+# The updater's command line, environment, signals and output; the three
+# keys written beside the updater's own, indented by 4, mode 0644, nothing
+# left beside. (The stop: tests/armvm; inherited descriptors: the library's
+# fork test.)
 scenario_first_start() {
     local env=/daemons/aldsorvelupdd/env_vars out=$SB_VAR/sorvelupd.out_err.log pid old
     settings set $env/ALDT_ONE "one two=2"
     settings set $env/ALDT_SHADOW store
     settings set $env/ALDT_DIR/x "a key with subkeys is no variable"
-    settings set $env/ALDT_EQ=X "a name with = is no variable"
     old=$(printf '%0200d' 0)
     printf '%s' "$old" >"$out"
     conf_write
@@ -34,7 +34,6 @@ scenario_first_start() {
     expect "command line" "$(updater_rec "$pid" argv)" "/opt/aldrana/sorvel/sorvelupd|-r|/opt/aldrana/sorvel/|-c|$SB_CONF"
     expect "environment" "$(updater_rec "$pid" env)" "ALDT_ONE=one two=2 ALDT_ONE_KEPT=kept ALDT_SHADOW=store "
     expect "blocked, ignored" "$(updater_rec "$pid" blocked) $(updater_rec "$pid" ignored)" "0000000000000000 0000000000000000"
-    expect "descriptors of the daemon's" "$(updater_rec "$pid" fds)" ""
     await 3 "updater output" grep -q "standard error" "$out"
     local new="sorvelupd $pid: standard output"$'\n'"sorvelupd $pid: standard error"$'\n'
     expect "output file" "$(cat "$out")" "$new${old:${#new}}"
@@ -47,7 +46,7 @@ scenario_first_start() {
 
 # An updater that cannot start (no output directory, no updater) fails in
 # its child about every 2 s; no updater.conf: a new attempt about every
-# second, nothing written. (Changes, an updater that dies, a daemon killed:
+# second. (Changes, an updater that dies, a daemon killed:
 # the end-to-end test on the ARM kernel, tests/armvm.)
 scenario_restarts() {
     local t0 line="failed to get file for redirection"
@@ -56,7 +55,6 @@ scenario_restarts() {
     t0=$(now_ms)
     await 5 "a fourth '$line'" log_has 4 "$line"
     within "ms for three more attempts" $(($(now_ms) - t0)) 2000 4500
-    [ -e "$SB_CONF" ] && fail "updater.conf was made"
     line="sorvelupd \[pid [0-9]*\] has exited with status 1"
     failing() {  # failing CAUSE: each start fails in the child, status 1, about every 2 s
         local n
@@ -71,7 +69,6 @@ scenario_restarts() {
     conf_write
     mv /opt/aldrana/sorvel/sorvelupd /opt/aldrana/sorvel/away
     failing "no updater"
-    expect "stand-in starts" "$(updater_starts)" 0
     mv /opt/aldrana/sorvel/away /opt/aldrana/sorvel/sorvelupd
     await 5 "an updater once updater.conf is right" starts_reach 1
 }

@@ -28,7 +28,6 @@ extern std::function<void()> on_uninit;         // as the network client is abou
 // SIGTERM and has a grandchild in its group. TearDown kills what is left.
 constexpr int kStubborn = -1;
 pid_t spawn_child(int status);
-bool alive(pid_t pid);  // running, not a zombie
 
 class DaemonTest : public ::testing::Test {
 protected:

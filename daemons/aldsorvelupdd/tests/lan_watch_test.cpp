@@ -6,8 +6,8 @@
 #include "hooks.h"
 #include "state.h"
 
+#include <algorithm>
 #include <atomic>
-#include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
 
@@ -22,13 +22,9 @@ std::vector<ald::netMgmt::Interface> report(const names& list) {
     return interfaces;
 }
 
-int wake_ups() {
-    int bytes = 0;
-    ::ioctl(lan_pipe[0], FIONREAD, &bytes);
+int wake_ups() {  // the bytes waiting, drained
     char drained[64];
-    while (::read(lan_pipe[0], drained, sizeof drained) > 0) {
-    }
-    return bytes;
+    return std::max(0, static_cast<int>(::read(lan_pipe[0], drained, sizeof drained)));
 }
 
 struct report_step {
