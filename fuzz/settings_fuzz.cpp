@@ -24,6 +24,14 @@ void check(bool holds, const char* property, const std::string& input) {
 
 }  // namespace
 
+// Each input empties ALD_ROOT first: it must name a scratch directory.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    const char* root = std::getenv("ALD_ROOT");
+    if (root && *root) return 0;
+    std::fprintf(stderr, "settings_fuzz: set ALD_ROOT to a scratch directory, which each input empties\n");
+    std::exit(2);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
     const size_t newline = input.find('\n');

@@ -132,6 +132,9 @@ pid_t spawn_child(int status) {
     const pid_t pid = ::fork();
     siginfo_t info;
     if (pid > 0) g_spawned.push_back(pid);
+    // Its group exists before this returns: a TearDown that came before the
+    // child's own setpgid would miss it, and it would hold ctest's output.
+    if (pid > 0) ::setpgid(pid, pid);
     if (pid > 0 && status >= 0) ::waitid(P_PID, pid, &info, WEXITED | WNOWAIT);
     if (pid != 0) return pid;
     ::setpgid(0, 0);
