@@ -134,6 +134,7 @@ walk() {
     restart_after 3 "the updater's death" || return
     show_restart 3
     printf '   started %s ms after the kill\n' $(($(updater_rec "$(updater_pid)" started) - t0))
+    printf '   status file: %s\n' "$(jq -c '{pid, starts, last_exit}' "$ALD_ROOT/var/run/aldsorvelupdd.json")"
 
     [ "$interactive" = 1 ] || return 0
     say "The sandbox stays up. From another terminal, as root:"
@@ -146,7 +147,7 @@ walk() {
      ip link add lan2 type bridge            # a LAN link (br-lan or lan*)
      ip link set lan2 name lan9; ip link del lan9
      kill \$(awk '\$1 == "start" {p = \$2} END {print p}' $SB_UPDATER_DIR/events)   # the updater
-     cat $SB_CONF
+     cat $SB_CONF $ALD_ROOT/var/run/aldsorvelupdd.json
    Ctrl-C here stops the daemon and ends the sandbox.
 EOF
     say "Live: the daemon's lines, and the keys when they change"

@@ -32,7 +32,7 @@ sandbox_prepare() {
     read -r SB_HOST_PID _ </proc/self/stat  # before /proc shows the sandbox's pids
     mount -t proc proc /proc
     mount -t tmpfs -o mode=0755 sandbox-opt /opt
-    mkdir -p /opt/aldrana/sorvel "$SB_ETC" "$SB_VAR" "$SB_UPDATER_DIR"
+    mkdir -p /opt/aldrana/sorvel "$SB_ETC" "$SB_VAR" "$SB_UPDATER_DIR" "$ALD_ROOT/var/run"
     install -m 0755 "$SANDBOX_LIB/sorvelupd" /opt/aldrana/sorvel/sorvelupd
     echo "$SB_UPDATER_DIR" >/opt/aldrana/sorvel/standin.dir
     : >"$SB_UPDATER_DIR/events"
