@@ -35,9 +35,9 @@ protected:
         std::free(text);
         return result;
     }
-    long since_start(const char* key, const char* inner = nullptr) const { return std::atol(shown(key, inner).c_str()) - since; }
+    long long since_start(const char* key, const char* inner = nullptr) const { return std::atoll(shown(key, inner).c_str()) - since; }
     const std::string run_dir = std::string(std::getenv("ALD_ROOT")) + "/var/run";
-    const long since = std::time(nullptr);
+    const long long since = std::time(nullptr);
 };
 
 // The record lives as long as the process and holds earlier tests' starts
