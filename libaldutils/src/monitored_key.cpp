@@ -11,9 +11,10 @@
 //
 // A key that is a symbolic link changes where its links lead: each file on
 // the way is watched in its directory, for its name, as the key is in its
-// own. The links are followed again each time the watches are placed, and
-// the watches are placed again after every change of the key, so that a
-// link pointed elsewhere is followed before the handler reads the value.
+// own, or, while that directory is missing, in its nearest ancestor. The
+// links are followed again each time the watches are placed, and the
+// watches are placed again after every change of the key, so that a link
+// pointed elsewhere is followed before the handler reads the value.
 // Watches only grow their masks (IN_MASK_ADD): a target that sits in a
 // directory of the key's path shares that directory's watch.
 #include <ald/settings.h>
@@ -187,6 +188,16 @@ bool MonitoredKey::arm() {
         const std::size_t slash = file.rfind('/');
         Level hop{file.substr(0, slash == 0 ? 1 : slash), file.substr(slash + 1), -1};
         hop.wd = ::inotify_add_watch(fd_, hop.dir.c_str(), kKeyMask | IN_MASK_ADD);
+        // A directory not there yet (storage that is prepared later): its
+        // nearest ancestor that is there reports the next step appearing,
+        // which counts as a change of the key, and the watches follow.
+        while (hop.wd < 0 && absent(errno) && hop.dir.size() > 1) {
+            const std::size_t up = hop.dir.rfind('/');
+            if (up == std::string::npos) break;
+            hop.name = hop.dir.substr(up + 1);
+            hop.dir.resize(up == 0 ? 1 : up);
+            hop.wd = ::inotify_add_watch(fd_, hop.dir.c_str(), kPathMask | IN_MASK_ADD);
+        }
         if (hop.wd < 0 && !absent(errno)) ok = false;
         hops_.push_back(std::move(hop));
     }

@@ -174,8 +174,10 @@ int getKey(const std::string& key, std::string& value) {
     // Only a regular file holds a value, whatever links lead to it:
     // O_NONBLOCK keeps a FIFO from hanging the reader, and the size cap (also
     // while reading: procfs files say 0) a device or a huge file from
-    // exhausting memory.
-    int fd = ::open(key_file(key).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    // exhausting memory. O_NOCTTY: a daemon is a session leader without a
+    // terminal, and a terminal it opened would become its own, whose hangup
+    // then sends it SIGHUP, a stop.
+    int fd = ::open(key_file(key).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return -1;
     struct stat st;
     int err = ::fstat(fd, &st) != 0    ? errno

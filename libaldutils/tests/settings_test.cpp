@@ -12,6 +12,7 @@
 #include <fstream>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -81,6 +82,24 @@ TEST_F(Store, AValueIsTheFileLessOneTrailingNewline) {
     EXPECT_EQ(error_of(sm::deleteKey("/")), EINVAL);
 }
 
+// A daemon is a session leader without a terminal: a terminal that a key
+// leads to is no value, and must not become the reader's, whose hangup
+// would stop it.
+TEST_F(Store, ATerminalBehindALinkIsNoValueAndNotTheReadersTerminal) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
+        std::string value;
+        const bool ok = ::setsid() > 0 && master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0 &&
+                        ::symlink(::ptsname(master), (store + "/tty").c_str()) == 0 &&
+                        sm::getKey("/tty", value) == -1 && errno == EINVAL && ::open("/dev/tty", O_RDONLY) < 0;
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
 // Three events each, beside the key, until the kernel drops some.
 void overflow(const std::string& file) {
     int limit = 16384;
@@ -111,6 +130,8 @@ TEST_F(Watch, EveryChangeOfTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes) {
     fs::remove_all(store);
     const std::string persist = root + "/persist", key_dir = store + "/a/b/";
     auto link = [&](const std::string& target, const char* name) { fs::create_symlink(target, key_dir + name); };
+    // The key made a link to `target` by a rename, its call consumed.
+    auto repoint = [&](const std::string& target) { link(target, ".new"), fs::rename(key_dir + ".new", key_dir + "key"), changes(); };
     ASSERT_GE(watch.get_fd(), 0);  // neither the key nor its directories exist yet
     EXPECT_TRUE(::fcntl(watch.get_fd(), F_GETFL) & O_NONBLOCK);
     const struct {
@@ -125,9 +146,9 @@ TEST_F(Watch, EveryChangeOfTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes) {
         {"made again as a link elsewhere", [&] { put("/../../../persist/v", "4"), link(persist + "/v", "key"); }, 1},
         {"its target written in place", [&] { std::ofstream(persist + "/v") << "5"; }, 1},
         {"its target replaced by a set", [&] { sm::setKey("/a/b/key", "6"); }, 1},
-        {"the link replaced by one to nothing", [&] { link(persist + "/w", ".new"), fs::rename(key_dir + ".new", key_dir + "key"); }, 1},
-        {"the old target written", [&] { std::ofstream(persist + "/v") << "7"; }, 0},
+        {"pointed at nothing, then the old target written", [&] { repoint(persist + "/w"), std::ofstream(persist + "/v") << "7"; }, 0},
         {"the new target made", [&] { std::ofstream(persist + "/w") << "8"; }, 1},
+        {"pointed into a directory made later, then made", [&] { repoint(root + "/late/x"), put("/../../../late/x", "9"); }, 1},
         {"many writes before one read", [&] { for (int i = 0; i < 50; ++i) sm::setKey("/a/b/key", std::to_string(i)); }, 1},
         {"files beside it", [&] { put("/a/b/keyring", "x"), sm::setKey("/a/b2/key", "x"), put("/../updater.conf", "{}"); }, 0},
         {"its directory moved away", [&] { fs::rename(store + "/a", store + "/gone"); }, 1},

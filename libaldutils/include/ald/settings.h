@@ -101,8 +101,10 @@ int link_chain(const std::string& file, std::vector<std::string>& hops);
 // watches are placed again and after every change of the key, so that a
 // value written through the link or beside its target and renamed there, or
 // the link replaced or removed, calls the handler. A target whose directory
-// is missing is seen once the key or its path changes; changes of other
-// files in a target's directory wake the descriptor without a handler call.
+// is missing is watched for from the nearest directory above it that is
+// there. inotify sees no mounts: storage mounted over a watched directory is
+// seen at the next change of the key's path. Changes of other files in a
+// target's directory wake the descriptor without a handler call.
 class MonitoredKey {
 public:
     using handler_type = bool (*)(const path& key);
