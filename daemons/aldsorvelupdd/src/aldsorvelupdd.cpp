@@ -72,6 +72,8 @@ bool epoll_watch(int fd) {
 
 bool init() {
     ALD_LOG(info, "start ald sorvelupd daemon");
+    // A predecessor that was killed left its status: an updater that is gone.
+    status_remove();
 
     epoll_fd = epoll_create(1);
     if (epoll_fd == -1) INIT_FAILED("failed to open epoll", opened::stop_pipe);

@@ -62,8 +62,10 @@ class InitFailure : public DaemonTest, public ::testing::WithParamInterface<init
 
 TEST_P(InitFailure, LogsTheStepAndClosesWhatItOpenedAndTheStopPipe) {
     const std::set<int> before = open_fds();
+    put("../../var/run/aldsorvelupdd.json", "{\"pid\": 1}");  // a killed predecessor's
     fail_call(GetParam().call, GetParam().nth);
     EXPECT_FALSE(start());
+    EXPECT_EQ(get("../../var/run/aldsorvelupdd.json"), "") << "the status of an updater that is gone";
     EXPECT_EQ(log(), (lines{kStart, std::string("error init: ") + GetParam().message, "info init: stop ald sorvelupd daemon"}));
     std::set<int> after = open_fds();
     for (int fd : before) EXPECT_EQ(after.erase(fd), 1u) << fd << " was closed";

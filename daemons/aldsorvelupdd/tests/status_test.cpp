@@ -46,6 +46,8 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     status_flush();
     const int starts = std::stoi(shown("starts"));
     EXPECT_EQ(shown("config", "connect_appid"), "\"status-test\"") << "init's write not shown";
+    fail_call("_ZN3ald4forkESt16initializer_listIiE", 1);
+    start_sorvelupd();  // no updater: no start
     start_sorvelupd();
     status_flush();
     EXPECT_EQ(shown("pid"), std::to_string(child_pid));
@@ -76,15 +78,24 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     EXPECT_EQ(shown("config_failed"), "false");
 
     fail_call("rename", 1);
+    update_lan_config();
+    status_flush();
+    EXPECT_EQ(shown("config_failed"), "true") << "a failed LAN write";
+    // updater.conf is written, the status is not: its next write waits for
+    // the next change, never an idle pass.
+    fail_call("json_dump_file", 2);
+    update_lan_config();
+    status_flush();
+    const int dumps = calls("json_dump_file");
+    status_flush();
+    EXPECT_EQ(calls("json_dump_file"), dumps) << "written again with nothing changed";
+
+    fail_call("rename", 1);
     put("settings/privacy/aur", "1\n");
     update_aur_config(ald::kPrivacySettingKey);
     status_flush();
     EXPECT_EQ(shown("config_failed"), "true");
     EXPECT_EQ(shown("config", "aur_enabled"), "false") << "not the last value written";
-
-    const int renames = calls("rename");
-    status_flush();
-    EXPECT_EQ(calls("rename"), renames) << "rewritten with nothing changed";
 
     std::string shown_in_loop, running;  // the loop's own start, as shown
     on_wait = [&](int) {
