@@ -29,6 +29,8 @@ updaters() { grep -ls 'sorvel/sorvel[u]pd' /proc/[0-9]*/cmdline; }
 # shellcheck disable=SC2046 # a word per updater
 one_updater() { set -- "$(main_pid)" $(updaters) && [ $# = 2 ] && grep -q "^PPid:.$1\$" "${2%cmdline}status"; }
 restarted() { [ "$(main_pid)" != "$1" ] && one_updater; }
+# The updater's mounts are the system's: what it unmounts before flashing is gone for all.
+system_mounts() { u=$(updaters) && [ "$(readlink "${u%cmdline}ns/mnt")" = "$(readlink /proc/1/ns/mnt)" ]; }
 stopped() { [ "$(systemctl show -P Result $unit)" = success ] && ! systemctl -q is-active $unit && [ -z "$(updaters)" ]; }
 
 # A stand-in updater that opens a packet socket (AF_PACKET, SOCK_RAW), as a
@@ -47,6 +49,7 @@ systemctl start $unit
 check "no updater.conf: an error" 50 logged "failed to get file for redirection"
 echo '{"var_path": "/run/var"}' >/etc/aldrana/updater.conf
 check "the updater's packet socket" 50 opened /run/var
+check "the updater's mounts are the system's" 1 system_mounts
 systemctl stop $unit
 check "stop: within TimeoutStopSec, no updater left" 1 stopped
 aldsettings set /daemons/aldsorvelupdd/env_vars/STANDIN_IGNORE_TERM 1
