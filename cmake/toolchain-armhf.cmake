@@ -29,14 +29,13 @@ set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/${ALD_CROSS_TRIPLET}/pkgconfig:/usr/share/p
 set(ENV{PKG_CONFIG_PATH} "")
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "")
 
-# 64-bit time_t and off_t: the router keeps running past 2038 and logs may
-# outgrow 2 GiB. Debian 12 builds its armhf libraries (jansson, libmnl,
-# libstdc++, GoogleTest) with the 32-bit types; nothing we call in them
-# takes a time_t, an off_t or a structure holding one.
-set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
+# The build asks for 64-bit time_t and off_t (CMakeLists.txt). Debian 12
+# builds its armhf libraries (jansson, libmnl, libstdc++, GoogleTest) with
+# the 32-bit types; nothing we call in them takes a time_t, an off_t or a
+# structure holding one.
 # -Wno-psabi: GCC notes that passing some standard-library types changed in
 # GCC 7.1; everything here is built by one newer compiler.
-set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 -Wno-psabi")
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
 # The host's root is the target's: libc6:armhf puts the dynamic loader at
 # /lib/ld-linux-armhf.so.3 and the libraries in the multiarch directories.
