@@ -75,7 +75,7 @@ fi
 work=${SYSTEMDBOX_WORK:-$(mktemp -d)}
 rm -rf "${work:?}"/{upper,overlay,mnt,pid} && mkdir -p "$work"/{upper,overlay,mnt}
 cg=$cgroot/systemdbox.$$
-mkdir "$cg"
+mkdir "$cg" 2>/dev/null || skip "cannot make a cgroup under $cgroot"
 box=
 # within TENTHS CMD...: true once CMD is, false after TENTHS tenths of a second.
 within() {
@@ -89,7 +89,9 @@ within() {
 }
 box_gone() { ! kill -0 "$box" 2>/dev/null; }
 cleanup() {
-    [ -z "$box" ] || { kill "$box" 2>/dev/null; wait "$box"; } || true
+    # unshare ignores SIGTERM while it waits; its SIGKILL takes the container's
+    # PID 1, and with it the container, down too (--kill-child).
+    [ -z "$box" ] || { kill -KILL "$box" 2>/dev/null; wait "$box" 2>/dev/null; } || true
     # The container's cgroups go once its last process has.
     within 50 eval 'find "$cg" -depth -type d -exec rmdir {} + 2>/dev/null' || echo "systemdbox: cannot remove $cg" >&2
     [ -n "${SYSTEMDBOX_WORK:-}" ] || rm -rf "$work"
@@ -139,7 +141,7 @@ booted() {
 }
 started=$EPOCHREALTIME
 if ! within $((seconds * 10)) booted || box_gone; then
-    box_gone || inside -w journalctl -b -p warning --no-pager >&2 || true
+    box_gone || [ ! -s "$work/pid" ] || inside -w journalctl -b -p warning --no-pager >&2 || true
     echo "systemdbox: systemd did not boot within $seconds s" >&2
     exit 1
 fi
