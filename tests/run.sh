@@ -32,7 +32,8 @@ stage() {
     while [ "$1" != -- ]; do cmake_args+=("$1"); shift; done
     shift
     echo "=== $name"
-    cmake -S "$top" -B "$dir" -DALD_WERROR=ON "${cmake_args[@]}" >/dev/null
+    # Tests on, whatever a build by hand in the same directory cached.
+    cmake -S "$top" -B "$dir" -DALD_WERROR=ON -DALD_BUILD_TESTS=ON "${cmake_args[@]}" >/dev/null
     cmake --build "$dir" -j"$jobs" "${targets[@]}" >/dev/null
     rm -rf "$dir/reports" && mkdir -p "$dir/reports"
     local common="halt_on_error=1:abort_on_error=1:log_exe_name=1"
