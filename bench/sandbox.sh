@@ -93,12 +93,13 @@ EOF
 
 # start_all MODE TAG: the three supervisors, each with a stand-in in MODE;
 # sets P_ours, P_runsv, P_s6 and the stamp files S_ours, S_runsv, S_s6. The
-# daemon's root is on the disk, as /etc is on a device; the peers' service
-# directories, which they rewrite on every start and exit, are on a tmpfs,
-# as /run is where a device keeps them.
+# daemon's root is on the disk, as /etc is on a device; its /var/run (the
+# status file) and the peers' service directories, which they rewrite on
+# every start and exit, are on a tmpfs, as /run is where a device keeps them.
 start_all() {
     local mode=$1 tag=$2 w=$BENCH_INSIDE
     ald_root "$w/ald-$tag"
+    mkdir -p "$w/run/ald-$tag" && ln -s "$w/run/ald-$tag" "$w/ald-$tag/var/run"
     S_ours=$w/ours-$tag.stamps S_runsv=$w/runsv-$tag.stamps S_s6=$w/s6-$tag.stamps
     D_runsv=$w/run/runsv-$tag D_s6=$w/run/s6-$tag
     mkdir -p "$D_runsv" "$D_s6"
