@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sstream>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,12 +31,19 @@ std::string directory_of(const std::string& file) {
     return slash == 0 ? "/" : file.substr(0, slash);
 }
 
-// mkdir -p: every missing directory of `dir`, mode 0755 before the umask.
-// An existing non-directory on the way fails with ENOTDIR.
+// mkdir -p: every missing directory of `dir`, mode 0755 before the umask,
+// each flushed into its parent so that a key set below it survives a power
+// cut. An existing non-directory on the way fails with ENOTDIR.
 int make_directories(const std::string& dir) {
     for (std::size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
         const std::string part = dir.substr(0, slash);
-        if (!part.empty() && ::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return -1;
+        if (!part.empty()) {
+            if (::mkdir(part.c_str(), 0755) == 0) {
+                if (path(directory_of(part)).sync() != 0) return -1;
+            } else if (errno != EEXIST) {
+                return -1;
+            }
+        }
         if (slash == std::string::npos) break;
     }
     struct stat st;
@@ -127,6 +135,42 @@ int remove_tree(int dirfd, const char* name) {
         return -1;
     }
     return ::unlinkat(dirfd, name, AT_REMOVEDIR);
+}
+
+// The set's own temporary files: a name no other writer uses, so that
+// clearing up after an interrupted set never touches another's file.
+constexpr char kTempPrefix[] = ".set-";
+
+// fsync, where the file system has it: one that cannot flush at all
+// (EINVAL) has nothing to wait for.
+bool flushed(int fd) { return ::fsync(fd) == 0 || errno == EINVAL; }
+
+int lock(int fd) {
+    int result;
+    while ((result = ::flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
+    }
+    return result;
+}
+
+// Puts `text` in `file` for good: a temporary file beside it, flushed, then
+// renamed over it, then its directory `dir_fd` flushed, so that a set that
+// returned 0 survives a power cut, and one cut short leaves the old value.
+int replace(const std::string& dir, int dir_fd, const std::string& file, const std::string& text) {
+    path temp;
+    if (!path(dir).temp_file(temp, kTempPrefix)) return -1;
+    // temp_file made the name with O_EXCL; O_NOFOLLOW keeps a link put in its
+    // place since then from redirecting the write.
+    int fd = ::open(temp.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return discard(temp);
+    bool ok = write_all(fd, text) && flushed(fd);
+    int err = errno;
+    if (::close(fd) != 0 && ok) {
+        ok = false;
+        err = errno;
+    }
+    errno = err;
+    if (!ok || ::rename(temp.c_str(), file.c_str()) != 0) return discard(temp);
+    return flushed(dir_fd) ? 0 : -1;
 }
 
 }  // namespace
@@ -257,22 +301,19 @@ int setKey(const std::string& key, const std::string& value) {
     if (link_chain(file, hops) != 0) return -1;
     if (!hops.empty()) file = hops.back();
     const std::string dir = directory_of(file);
-    path temp;
-    if (!path(dir).temp_file(temp)) return -1;
-    // temp_file made the name with O_EXCL; O_NOFOLLOW keeps a link put in its
-    // place since then from redirecting the write.
-    int fd = ::open(temp.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return discard(temp);
-    // fsync: after a power cut the renamed file must not turn up empty.
-    bool ok = write_all(fd, value + '\n') && ::fsync(fd) == 0;
-    int err = errno;
-    if (::close(fd) != 0 && ok) {
-        ok = false;
-        err = errno;
-    }
+    const int dir_fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir_fd < 0) return -1;
+    // Sets in one directory take turns, so that a temporary file found here
+    // under the lock is one that a set killed or cut off by a power loss
+    // left behind, never one under way: each set removes those first, and
+    // no more than one can pile up in a directory. Without locks (a file
+    // system that has none) nothing is removed.
+    if (lock(dir_fd) == 0) path(dir).remove_temp_files(kTempPrefix);
+    const int result = replace(dir, dir_fd, file, value + '\n');
+    const int err = errno;
+    ::close(dir_fd);
     errno = err;
-    if (!ok || ::rename(temp.c_str(), file.c_str()) != 0) return discard(temp);
-    return 0;
+    return result;
 }
 
 int link_chain(const std::string& file, std::vector<std::string>& hops) {
@@ -300,7 +341,9 @@ int deleteKey(const std::string& key) {
         errno = EINVAL;
         return -1;
     }
-    return remove_tree(AT_FDCWD, key_file(key).c_str());
+    const std::string file = key_file(key);
+    if (remove_tree(AT_FDCWD, file.c_str()) != 0) return -1;
+    return path(directory_of(file)).sync();
 }
 
 }  // namespace setMgmt

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -57,6 +58,24 @@ TEST(Path, TemporaryFilesAreNewAndMode0644) {
     EXPECT_TRUE(ald::path(dir).temp_file(same));
     EXPECT_FALSE(ald::path(dir).temp_file(same) || errno != EEXIST);
     g_same_random = false;
+}
+
+// What a writer cut off between temp_file and its rename left goes; nothing
+// that temp_file could not have made with that prefix does.
+TEST(Path, OnlyTheTemporaryFilesOfAPrefixAreRemoved) {
+    const std::string dir = std::string(std::getenv("ALD_ROOT")) + "/left";
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    const std::pair<const char*, bool> names[] = {  // and whether it goes
+        {".tmp-a1b2c3d4", true}, {".tmp-a1b2c3d4~", false}, {".tmp-A1B2C3D4", false}, {".set-a1b2c3d4", false}};
+    for (const auto& name : names) std::ofstream(dir + "/" + name.first);
+    fs::create_symlink(names[3].first, dir + "/.tmp-link0000");
+    ald::path made;
+    ASSERT_TRUE(ald::path(dir).temp_file(made));
+    EXPECT_EQ(ald::path(dir).remove_temp_files(ald::kTempFilePrefix), 2);
+    for (const auto& name : names) EXPECT_NE(fs::exists(dir + "/" + name.first), name.second) << name.first;
+    EXPECT_TRUE(fs::is_symlink(dir + "/.tmp-link0000"));
+    EXPECT_FALSE(fs::exists(made.c_str()));
 }
 
 // CMake gives this test an ALD_ROOT that ends in slashes.

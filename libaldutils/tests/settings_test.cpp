@@ -82,6 +82,29 @@ TEST_F(Store, AValueIsTheFileLessOneTrailingNewline) {
     EXPECT_EQ(error_of(sm::deleteKey("/")), EINVAL);
 }
 
+// A set cut off by a power loss leaves its temporary file; the next set in
+// that directory removes it and nobody else's. Sets take turns there rather
+// than remove each other's.
+TEST_F(Store, ASetRemovesWhatAnInterruptedSetLeftAndConcurrentSetsAllSucceed) {
+    put("/d/.set-a1b2c3d4", "cut short");
+    put("/d/.tmp-a1b2c3d4", "another writer's");
+    ASSERT_EQ(sm::setKey("/d/k", "v"), 0);
+    EXPECT_FALSE(fs::exists(store + "/d/.set-a1b2c3d4"));
+    pid_t children[2];
+    for (pid_t& child : children) {
+        if ((child = ::fork()) != 0) continue;
+        int failed = 0;
+        for (int i = 0; i < 300; ++i) failed += sm::setKey("/d/k", std::to_string(i)) != 0;
+        ::_exit(failed);
+    }
+    for (pid_t child : children) {
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0) << WEXITSTATUS(status) << " sets failed";
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(store + "/d"), {}), 2);
+}
+
 // A daemon is a session leader without a terminal: a terminal that a key
 // leads to is no value, and must not become the reader's, whose hangup
 // would stop it.

@@ -74,6 +74,7 @@ bool init() {
     ALD_LOG(info, "start ald sorvelupd daemon");
     // A predecessor that was killed left its status: an updater that is gone.
     status_remove();
+    remove_stale_copies();
 
     epoll_fd = epoll_create(1);
     if (epoll_fd == -1) INIT_FAILED("failed to open epoll", opened::stop_pipe);

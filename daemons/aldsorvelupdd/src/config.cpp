@@ -27,18 +27,29 @@ bool write_config(const json_ptr& document) {
 
     ald::path temp;
     if (!directory.temp_file(temp)) return false;
-    if (json_dump_file(document.get(), temp.c_str(), JSON_INDENT(4)) == -1) {
+    // The copy is flushed before the rename and the directory after it: on
+    // flash the rename can reach the storage before the data it names, and
+    // a power cut then leaves an empty updater.conf, on which no updater
+    // starts again. A failed flush is a failed write, and one after the
+    // rename too, since that file may not survive a cut: it is written
+    // again at the next chance.
+    if (json_dump_file(document.get(), temp.c_str(), JSON_INDENT(4)) == -1 || temp.sync() == -1) {
         ALD_LOG(error, "failed to dump new config");
         temp.unlink();
         return false;
     }
-    if (std::rename(temp.c_str(), config_path.c_str()) == -1) {
+    if (std::rename(temp.c_str(), config_path.c_str()) == -1 || directory.sync() == -1) {
         ALD_LOG(error, "failed to rename %s to %s (errno = %d)", temp.c_str(), config_path.c_str(), errno);
         temp.unlink();
         return false;
     }
     status_written(document);
     return true;
+}
+
+void remove_stale_copies() {
+    const int removed = config_directory().remove_temp_files(ald::kTempFilePrefix);
+    if (removed > 0) ALD_LOG(info, "removed %d temporary files left beside updater.conf", removed);
 }
 
 std::string get_redirection_file() {

@@ -22,9 +22,15 @@ private:
 };
 
 // Replaces updater.conf with the document: a temporary file in the same
-// directory, then rename. On false the old file is as it was and no
-// temporary file is left.
+// directory, flushed, renamed over it, the directory flushed. On false the
+// old file is as it was (or, when only the last flush failed, the new one
+// is in place but may not survive a power cut) and no temporary file is
+// left.
 bool write_config(const json_ptr& document);
+
+// Removes the temporary copies of updater.conf that a daemon killed, or a
+// power cut, between the write and the rename left behind.
+void remove_stale_copies();
 
 // var_path + "/sorvelupd.out_err.log" from the current file; "" with code 2
 // and the reason in alderrno when the file cannot be loaded or has no string

@@ -64,11 +64,12 @@ WRAP(int, -1, pipe2, (int* p, int f), (p, f))
 WRAP(int, -1, rename, (const char* from, const char* to), (from, to))
 WRAP(int, -1, json_dump_file, (const json_t* j, const char* p, size_t f), (j, p, f))
 WRAP(json_t*, nullptr, json_array, (), ())
-// setMgmt::init, netMgmt::init, fork and Instance::on_stop_pipe, mangled.
+// setMgmt::init, netMgmt::init, fork, Instance::on_stop_pipe and path::sync, mangled.
 WRAP(int, -1, _ZN3ald7setMgmt4initEb, (bool b), (b))
 WRAP(int, -1, _ZN3ald7netMgmt4initEb, (bool b), (b))
 WRAP(pid_t, -1, _ZN3ald4forkESt16initializer_listIiE, (std::initializer_list<int> l), (l))
 WRAP(int, -1, _ZN3ald6daemon8Instance12on_stop_pipeEv, (void* self), (self))
+WRAP(int, -1, _ZNK3ald4path4syncEv, (const void* self), (self))  // path::sync
 
 // MonitoredKey::read_notifications: a scripted failure makes the watch's
 // descriptor unreadable, as a broken one would be.

@@ -63,10 +63,12 @@ class InitFailure : public DaemonTest, public ::testing::WithParamInterface<init
 TEST_P(InitFailure, LogsTheStepAndClosesWhatItOpenedAndTheStopPipe) {
     const std::set<int> before = open_fds();
     put("../../var/run/aldsorvelupdd.json", "{\"pid\": 1}");  // a killed predecessor's
+    put(".tmp-a1b2c3d4", "{");                                  // and its copy cut short
     fail_call(GetParam().call, GetParam().nth);
     EXPECT_FALSE(start());
     EXPECT_EQ(get("../../var/run/aldsorvelupdd.json"), "") << "the status of an updater that is gone";
-    EXPECT_EQ(log(), (lines{kStart, std::string("error init: ") + GetParam().message, "info init: stop ald sorvelupd daemon"}));
+    EXPECT_EQ(log(), (lines{kStart, "info remove_stale_copies: removed 1 temporary files left beside updater.conf",
+                            std::string("error init: ") + GetParam().message, "info init: stop ald sorvelupd daemon"}));
     std::set<int> after = open_fds();
     for (int fd : before) EXPECT_EQ(after.erase(fd), 1u) << fd << " was closed";
     EXPECT_EQ(after.size(), 1u) << "more than the stop pipe's write end is left";

@@ -8,6 +8,9 @@
 
 namespace ald {
 
+// What temp_file(out) names its files with, before eight random characters.
+constexpr char kTempFilePrefix[] = ".tmp-";
+
 // A path held in a growable character buffer. A default-constructed path has
 // no storage at all; once text has been added, the buffer always holds a NUL
 // right after the text.
@@ -34,9 +37,27 @@ public:
     // errno set and `out` untouched, when no file could be made (ENOENT
     // for an empty path).
     bool temp_file(path& out) const;
+    // The same with another name: `prefix` (starting with ".") and eight
+    // random characters. A writer with a prefix
+    // of its own can clear up after itself without touching others' files.
+    bool temp_file(path& out, basic_string_view<char> prefix) const;
+
+    // On a directory path: removes what a writer killed (or a power cut)
+    // between temp_file and its rename left behind, that is the regular
+    // files whose names temp_file makes with `prefix`; links and
+    // directories of such names, and every other file, stay. The number
+    // removed, or -1 with errno set when the directory cannot be read.
+    int remove_temp_files(basic_string_view<char> prefix) const;
 
     // Removes the file the path names. 0, or -1 with errno set.
     int unlink() const;
+
+    // Flushes the file or directory the path names to its storage (fsync):
+    // a file before it is renamed into place, a directory after a rename in
+    // it, so that both survive a power cut. 0, or -1 with errno set. A file
+    // system that cannot flush at all (EINVAL) counts as flushed: there is
+    // nothing more to wait for, and refusing would stop every write there.
+    int sync() const;
 
 private:
     std::vector<char> buf_;

@@ -61,10 +61,15 @@ int getKeyValue(const std::string& key, int default_value);
 std::string getKeyValue(const std::string& key, const std::string& default_value);
 
 // Writes `value` (stored with a trailing newline, so any value reads back
-// unchanged) atomically: a hidden temporary file in the key's directory,
-// mode 0644 before the umask, synced, then renamed over the key. A reader
-// sees the old value or the new one, never a part. Missing parent keys (and
-// the store's directory) are created. A key that is a symbolic link stays
+// unchanged) atomically and durably: a hidden temporary file in the key's
+// directory (".set-" and eight characters), mode 0644 before the umask,
+// flushed, renamed over the key, then the directory flushed, so that a set
+// that returned 0 survives a power cut and a reader sees the old value or
+// the new one, never a part. Sets in one directory take turns (flock on the
+// directory), and each first removes the temporary files that a set killed
+// or cut off by a power loss left there: at most one can wait there for the
+// next set. Missing parent keys (and the store's directory) are created and
+// flushed into their parents. A key that is a symbolic link stays
 // one: the value replaces the file its links lead to, in the same way in
 // that file's directory, so that it persists where the firmware keeps it.
 // A link to nothing gets its file made, as a shell redirection through it
@@ -72,11 +77,15 @@ std::string getKeyValue(const std::string& key, const std::string& default_value
 // storage that is not mounted fails with ENOENT rather than writing under
 // the mount point. 0, or -1 with errno set and nothing left behind (EINVAL
 // for an invalid key, EISDIR for a directory key or "/", ENOTDIR when a
-// parent key holds a value, ELOOP for links that loop).
+// parent key holds a value, ELOOP for links that loop). A failed flush of
+// the directory after the rename is -1 too: the new value is there, but
+// may not survive a power cut.
 int setKey(const std::string& key, const std::string& value);
 // Removes a key; a directory key is removed with everything under it.
 // Symbolic links are removed, never followed: deleting a linked key removes
-// the link and keeps what it leads to. Not atomic for a directory key. 0, or
+// the link and keeps what it leads to. Not atomic for a directory key; the
+// key's directory is flushed, so a delete that returned 0 survives a power
+// cut. 0, or
 // -1 with errno set (ENOENT or ENOTDIR for a missing key, EINVAL for an
 // invalid key or for the store's root "/").
 int deleteKey(const std::string& key);
