@@ -12,8 +12,14 @@
 # busybox sh script; the FILEs go to /guest/ beside it (armhf programs get
 # their libraries too). The console is copied to standard output. Exit
 # status: the guest script's, or 1 when the guest does not finish within
-# ARMVM_SECONDS (default 300); ARMVM_MODULES names kernel modules to load
-# after the bridge and veth ones. The kernel and busybox are Debian's armhf
+# ARMVM_SECONDS (default 300). ARMVM_MODULES names kernel modules to load
+# after the bridge and veth ones, each after those it depends on (those the
+# kernel has built in are left out), as NAME or NAME:PARAMETER:...; ARMVM_PROGRAMS, as PACKAGE:PROGRAM
+# words, programs of Debian's armhf packages to put at /usr/sbin;
+# ARMVM_ENV, the names of variables of this environment to set in the
+# guest's; ARMVM_DISK, a raw image the guest sees as /dev/vda (virtio);
+# ARMVM_PIDFILE, where qemu writes its pid, for a power cut by SIGKILL.
+# The kernel and busybox are Debian's armhf
 # packages, fetched once (apt-get download) into ARMVM_CACHE
 # (default build-armvm/); needs `scripts/setup.sh cross vm`. The kernel is
 # that of the machine's own Debian release, or with ARMVM_RELEASE that of
@@ -70,8 +76,27 @@ cp -a "$stage/sbin" "$stage/bin" "$root/usr/"
 cp -a "$stage"/lib/libaldutils.so* "$root/usr/lib/"
 cp "$guest" "$root/guest/run"
 [ $# -eq 0 ] || cp "$@" "$root/guest/"
-modules="llc stp bridge veth ${ARMVM_MODULES:-}"
-for m in $modules; do find "$kdir/lib/modules" -name "$m.ko" -exec cp {} "$root/lib/modules/" \;; done
+# module NAME[:PARAMETER...]: NAME's file after those of the modules it
+# depends on, once each, into the guest and onto the list that its init
+# loads in order (as "insmod FILE PARAMETER...").
+modules=
+module() {
+    local name=${1%%:*} ko dep
+    case "$modules" in *"/$name.ko"*) return ;; esac
+    ko=$(find "$kdir/lib/modules" \( -name "$name.ko" -o -name "${name//_/-}.ko" \) | head -1)
+    [ -n "$ko" ] || return 0
+    for dep in $(readelf -p .modinfo "$ko" | sed -n 's/.*depends=//p' | tr , ' '); do module "$dep"; done
+    cp "$ko" "$root/lib/modules/$name.ko"
+    modules="$modules
+insmod /lib/modules/$name.ko ${1#"$name"}"
+}
+for m in llc stp bridge veth ${ARMVM_MODULES:-}; do module "$m"; done
+for p in ${ARMVM_PROGRAMS:-}; do
+    find "$(unpacked "${p%%:*}")" -path "*bin/${p#*:}" -exec cp {} "$root/usr/sbin/" \;
+done
+for v in ${ARMVM_ENV:-}; do
+    printf "export %s='%s'\n" "$v" "$(printf %s "${!v:-}" | sed "s/'/'\\\\''/g")"
+done >"$root/guest/env"
 # Every shared library that an armhf program in the guest needs, from the
 # armhf packages, where the guest's loader looks for them.
 mkdir -p "$root$multiarch" && cp -L /lib/ld-linux-armhf.so.3 "$root$multiarch/"
@@ -95,10 +120,10 @@ cat >"$root/init" <<EOF
 export PATH=/usr/sbin:/usr/bin:/bin
 mount -t proc proc /proc && mount -t sysfs sys /sys && mount -t devtmpfs dev /dev
 mount -t tmpfs run /run && mount -t tmpfs tmp /tmp
-for m in $modules; do insmod /lib/modules/\$m.ko; done
+$(echo "$modules" | tr : ' ')
 ip link set lo up
 echo "armvm: \$(uname -srm), \$(nproc) CPUs, \$(sed -n 's/MemTotal: *//p' /proc/meminfo)"
-cd /guest && sh ./run
+cd /guest && . ./env && sh ./run
 echo "armvm: exit \$?"
 poweroff -f
 EOF
@@ -107,8 +132,10 @@ chmod 0755 "$root/init"
 
 console=$cache/console${release:+-$release}.log
 started=$SECONDS
-timeout "$seconds" qemu-system-arm -M virt -smp 2 -m 256 -nographic -no-reboot -nic none \
-    -kernel "$kdir"/boot/vmlinuz-* -initrd "$work/initrd.gz" \
+disk=()
+[ -z "${ARMVM_DISK:-}" ] || disk=(-drive "file=$ARMVM_DISK,format=raw,if=none,id=disk" -device virtio-blk-device,drive=disk)
+timeout "$seconds" qemu-system-arm -M virt -smp 2 -m 256 -nographic -no-reboot -nic none "${disk[@]}" \
+    ${ARMVM_PIDFILE:+-pidfile "$ARMVM_PIDFILE"} -kernel "$kdir"/boot/vmlinuz-* -initrd "$work/initrd.gz" \
     -append "console=ttyAMA0 panic=-1 quiet loglevel=3" </dev/null | tr -d '\r' | tee "$console" || true
 status=$(sed -n 's/^armvm: exit \([0-9]*\)$/\1/p' "$console")
 if [ -z "$status" ]; then

@@ -43,7 +43,7 @@ cat >/opt/aldrana/sorvel/sorvelupd <<'EOF'
 read -r stat </proc/$$/stat
 set -- ${stat##*) }
 echo "start $$ $3 $2 $(cut -d' ' -f1 /proc/uptime)" >>/run/events
-[ ! -e /proc/$$/fd/3000 ] || echo "inherited $$" >>/run/events
+! ls -l /proc/$$/fd | grep -q /run/launcher || echo "inherited $$" >>/run/events
 trap 'kill $s; echo "term $$ $(tr -d " \n" </etc/aldrana/updater.conf)" >>/run/events; exit 0' TERM
 while :; do sleep 30 & s=$!; wait $s; done
 EOF
@@ -51,10 +51,12 @@ chmod 0755 /opt/aldrana/sorvel/sorvelupd
 echo '{"var_path": "/run/var", "pcap_device": "stale"}' >/etc/aldrana/updater.conf
 : >/run/events
 aldsettings set /network/lan/ifnames "br-lan lan*"
-# A descriptor above 1024 open in the daemon, which no updater may inherit;
-# above the soft limit too, so that a walk up to the limit would miss it.
+# Descriptors open in the daemon, which no updater may inherit: a start
+# script's low one, and one above 1024 and the soft limit, so that a walk up
+# to the limit would miss it.
 ulimit -n 4096
-(exec 3000</dev/null && ulimit -Sn 2048 && exec aldsorvelupdd --log-level=2 2>/run/daemon.log) &
+: >/run/launcher
+(exec 3</run/launcher 3000</run/launcher && ulimit -Sn 2048 && exec aldsorvelupdd --log-level=2 2>/run/daemon.log) &
 daemon=$!
 
 check "first start" 100 starts_reach 1
@@ -78,7 +80,7 @@ t0=$(cut -d' ' -f1 /proc/uptime)
 kill -KILL "$(field 7 2)"
 check "killed updater restarted" 50 starts_reach 8
 check "about a second after the kill" 1 awk -v a="$t0" -v b="$(field 8 5)" 'BEGIN {exit !(b - a >= 0.9 && b - a < 3)}'
-check "descriptor 3000 not inherited" 1 eval '[ -e /proc/$daemon/fd/3000 ] && ! grep -q ^inherited /run/events'
+check "descriptors 3 and 3000 not inherited" 1 eval '[ "$(ls -l /proc/$daemon/fd | grep -c /run/launcher)" = 2 ] && ! grep -q ^inherited /run/events'
 kill -TERM $daemon
 wait $daemon
 check "SIGTERM: exit status 0" 1 [ $? = 0 ]
@@ -87,5 +89,6 @@ aldsorvelupdd 2>>/run/daemon.log &
 check "started again" 100 starts_reach 9
 kill -KILL $!
 check "SIGKILL: the updater goes with the daemon" 50 no_updater
-[ $fails = 0 ] || cat /run/daemon.log
+[ "${ALD_POWER_CUTS:-$ALD_POWER_CUTS_DEFAULT}" = 0 ] || . ./powercut.sh
+[ $fails = 0 ] || cat /run/daemon.log /run/persist.log 2>/dev/null
 exit $fails
