@@ -78,10 +78,15 @@ std::string get_redirection_file() {
 
 bool update_aur_config(const ald::path& key) {
     const int value = ald::setMgmt::getKeyValue(path_string(key), 1);
-    if (value == last_aur_enabled) return true;
+    if (value == last_aur_enabled) {
+        // Back to what the file holds: a failed write of another value is
+        // no longer owed.
+        status_settled(kAurKey);
+        return true;
+    }
 
     kill_and_wait_sorvelupd();
-    status_update_begun();
+    status_update_begun(kAurKey);
     bool written;
     {
         json_ptr document(json_load_file(config_path.c_str(), 0, nullptr));
@@ -102,7 +107,7 @@ bool update_lan_config() {
         std::lock_guard<std::mutex> lock(lan_mutex);
         names = lan_interfaces;
     }
-    status_update_begun();
+    status_update_begun(kLanKeys);
     json_ptr document(json_load_file(config_path.c_str(), 0, nullptr));
     if (!document) {
         ALD_LOG(error, "failed to load config json");

@@ -19,11 +19,23 @@ json_int_t started = 0;
 json_int_t starts = 0;
 int last_wait_status = -1;  // as waitpid gave it; -1 before any exit
 json_int_t ended = 0;
+json_int_t started_uptime = 0;
+json_int_t ended_uptime = 0;
 constexpr const char* kKeys[] = {"aur_enabled", "pcap_device", "connect_appid"};
 json_t* written[3] = {};  // references to what the last write put in updater.conf
-bool failed = false;
+unsigned owed = 0;        // keys whose last update failed, as kAurKey | kLanKeys
+unsigned updating = 0;    // keys of the update under way
 
 json_int_t now() { return static_cast<json_int_t>(std::time(nullptr)); }
+
+// A router without a real-time clock starts at its firmware's date and jumps
+// when NTP first answers; the boot clock never jumps and counts suspend, as
+// /proc/uptime does, so that ages read against it hold.
+json_int_t uptime() {
+    timespec ts{};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    return static_cast<json_int_t>(ts.tv_sec);
+}
 
 const std::string& file() {
     static const std::string name = std::string(ald::root_prefix()) + "/var/run/aldsorvelupdd.json";
@@ -34,6 +46,7 @@ json_t* last_exit() {
     if (last_wait_status == -1) return json_null();
     json_t* end = json_object();
     json_object_set_new(end, "at", json_integer(ended));
+    json_object_set_new(end, "at_uptime", json_integer(ended_uptime));
     if (WIFEXITED(last_wait_status)) {
         json_object_set_new(end, "status", json_integer(WEXITSTATUS(last_wait_status)));
     } else {
@@ -46,12 +59,13 @@ json_ptr document() {
     json_t* status = json_object();
     json_object_set_new(status, "pid", json_integer(pid));
     json_object_set_new(status, "started", json_integer(started));
+    json_object_set_new(status, "started_uptime", json_integer(started_uptime));
     json_object_set_new(status, "starts", json_integer(starts));
     json_object_set_new(status, "last_exit", last_exit());
     json_t* config = json_object();
     for (int i = 0; i < 3; ++i) json_object_set_new(config, kKeys[i], written[i] ? json_incref(written[i]) : json_null());
     json_object_set_new(status, "config", config);
-    json_object_set_new(status, "config_failed", json_boolean(failed));
+    json_object_set_new(status, "config_failed", json_boolean(owed != 0));
     return json_ptr(status);
 }
 
@@ -69,6 +83,7 @@ void write_status() {
 void status_started(pid_t child) {
     pid = child;
     started = now();
+    started_uptime = uptime();
     ++starts;
     changed = true;
 }
@@ -76,6 +91,7 @@ void status_started(pid_t child) {
 void status_ended(int wait_status) {
     last_wait_status = wait_status;
     ended = now();
+    ended_uptime = uptime();
     changed = true;
 }
 
@@ -84,12 +100,19 @@ void status_written(const json_ptr& config) {
         json_decref(written[i]);
         written[i] = json_incref(json_object_get(config.get(), kKeys[i]));
     }
-    failed = false;
+    changed = true;
+    status_settled(updating);
+}
+
+void status_update_begun(unsigned keys) {
+    updating = keys;
+    owed |= keys;
     changed = true;
 }
 
-void status_update_begun() {
-    failed = true;
+void status_settled(unsigned keys) {
+    if ((owed & keys) == 0) return;
+    owed &= ~keys;
     changed = true;
 }
 

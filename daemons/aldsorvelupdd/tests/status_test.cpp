@@ -12,7 +12,9 @@
 #include <csignal>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <poll.h>
+#include <sched.h>
 #include <sys/wait.h>
 
 namespace {
@@ -77,10 +79,13 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     EXPECT_EQ(shown("config"), R"({"aur_enabled":false,"pcap_device":[],"connect_appid":"status-test"})");
     EXPECT_EQ(shown("config_failed"), "false");
 
+    // A privacy write after a failed LAN write copies the old list.
     fail_call("rename", 1);
     update_lan_config();
+    put("settings/privacy/aur", "1\n");
+    update_aur_config(ald::kPrivacySettingKey);
     status_flush();
-    EXPECT_EQ(shown("config_failed"), "true") << "a failed LAN write";
+    EXPECT_EQ(shown("config_failed"), "true") << "the LAN list is still owed";
     // updater.conf is written, the status is not: its next write waits for
     // the next change, never an idle pass.
     fail_call("json_dump_file", 2);
@@ -91,11 +96,15 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     EXPECT_EQ(calls("json_dump_file"), dumps) << "written again with nothing changed";
 
     fail_call("rename", 1);
-    put("settings/privacy/aur", "1\n");
+    put("settings/privacy/aur", "0\n");
     update_aur_config(ald::kPrivacySettingKey);
     status_flush();
     EXPECT_EQ(shown("config_failed"), "true");
-    EXPECT_EQ(shown("config", "aur_enabled"), "false") << "not the last value written";
+    EXPECT_EQ(shown("config", "aur_enabled"), "true") << "not the last value written";
+    put("settings/privacy/aur", "1\n");  // what the file holds
+    update_aur_config(ald::kPrivacySettingKey);
+    status_flush();
+    EXPECT_EQ(shown("config_failed"), "false") << "nothing is owed any more";
 
     std::string shown_in_loop, running;  // the loop's own start, as shown
     on_wait = [&](int) {
@@ -106,6 +115,38 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     EXPECT_EQ(run(), 0);
     EXPECT_EQ(shown_in_loop, running);
     EXPECT_EQ(shown("pid"), "(none)") << "left behind at a clean stop";
+}
+
+// Read against /proc/uptime, a time must come from the boot clock: in a time
+// namespace whose boot clock is years ahead, as after a long suspend, neither
+// the wall clock nor the monotonic one gives it.
+TEST_F(Status, TimesSinceBootAreTheBootClocks) {
+    constexpr long long kAhead = 100000000;
+    const pid_t child = ::fork();
+    if (child == 0) {  // only its children enter the namespace it makes
+        if (::unshare(CLONE_NEWTIME) != 0) ::_exit(77);
+        std::ofstream offsets("/proc/self/timens_offsets");
+        if (!(offsets << "boottime " << kAhead << " 0" << std::flush)) ::_exit(77);
+        const pid_t inside = ::fork();
+        if (inside == 0) {
+            status_started(1);
+            status_ended(0);
+            status_flush();
+            ::_exit(0);
+        }
+        int status = -1;
+        ::waitpid(inside, &status, 0);
+        ::_exit(status == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no time namespace";
+    ASSERT_EQ(status, 0);
+    timespec boot{};
+    ::clock_gettime(CLOCK_BOOTTIME, &boot);
+    const long long now = boot.tv_sec + kAhead;
+    EXPECT_LE(std::llabs(now - std::atoll(shown("started_uptime").c_str())), 2);
+    EXPECT_LE(std::llabs(now - std::atoll(shown("last_exit", "at_uptime").c_str())), 2);
 }
 
 }  // namespace
