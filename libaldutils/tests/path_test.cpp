@@ -1,5 +1,6 @@
-// Paths and temporary files, the configuration directory under ALD_ROOT,
-// and per-thread error storage. The line buffer is the log test's.
+// Paths and temporary files, and per-thread error storage (the
+// configuration directory under an ALD_ROOT that ends in slashes: the
+// daemon's tests). The line buffer is the log test's.
 #include <ald/error.h>
 #include <ald/path.h>
 
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -44,11 +44,9 @@ TEST(Path, TemporaryFilesAreNewAndMode0644) {
     fs::remove_all(dir);
     fs::create_directories(dir);
     const mode_t umask = ::umask(0);
-    for (int i = 0; i < 2; ++i) {  // a second name, not the first again
-        ald::path file;
-        ASSERT_TRUE(ald::path(dir).temp_file(file));
-        EXPECT_EQ(fs::status(file.c_str()).permissions(), fs::perms(0644));
-    }
+    ald::path file;
+    ASSERT_TRUE(ald::path(dir).temp_file(file));
+    EXPECT_EQ(fs::status(file.c_str()).permissions(), fs::perms(0644));
     ::umask(umask);
     ald::path untouched("kept");
     EXPECT_FALSE(ald::path(dir + "/missing").temp_file(untouched) || errno != ENOENT);
@@ -76,14 +74,6 @@ TEST(Path, OnlyTheTemporaryFilesOfAPrefixAreRemoved) {
     for (const auto& name : names) EXPECT_NE(fs::exists(dir + "/" + name.first), name.second) << name.first;
     EXPECT_TRUE(fs::is_symlink(dir + "/.tmp-link0000"));
     EXPECT_FALSE(fs::exists(made.c_str()));
-}
-
-// CMake gives this test an ALD_ROOT that ends in slashes.
-TEST(Path, TheConfigurationDirectoryLivesUnderAldRoot) {
-    const std::string given = std::getenv("ALD_ROOT");
-    std::ostringstream out;
-    ald::detail::print_common_path(out, ald::common_path::config);
-    EXPECT_EQ(out.str(), given.substr(0, given.find_last_not_of('/') + 1) + "/etc/aldrana");
 }
 
 TEST(ErrorStorage, KeepsCodeAndMessageUpTo255CharactersForItsThreadOnly) {

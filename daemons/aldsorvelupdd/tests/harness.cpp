@@ -148,7 +148,8 @@ pid_t spawn_child(int status) {
 void DaemonTest::SetUp() {
     const char* root = std::getenv("ALD_ROOT");
     ASSERT_TRUE(root && *root) << "run through ctest, which gives every test its own ALD_ROOT";
-    etc = std::string(root) + "/etc/aldrana";
+    // CMake's ALD_ROOT ends in slashes, which no path of the daemon's repeats.
+    etc = std::string(root).erase(std::string(root).find_last_not_of('/') + 1) + "/etc/aldrana";
     fs::remove_all(root);
     put("settings/network/lan/ifnames", "ald-test-no-link*\n");
     // A SIGCHLD still pending from an earlier test would be this one's first record.

@@ -78,7 +78,9 @@ INSTANTIATE_TEST_SUITE_P(EachStep, InitFailure, ::testing::ValuesIn(kInitSteps))
 // The loop with an updater that has exited before SIGCHLD was blocked, so
 // that nothing reports it: the loop cannot start another (no var_path), and
 // the shutdown reaps it. Every descriptor but the stop pipe's write end is
-// closed at the end.
+// closed at the end, the LAN pipe only after the network client has
+// stopped: a change it reports until then must find its pipe, not a
+// descriptor closed, or taken by something else, since.
 class Loop : public DaemonTest {
 protected:
     void SetUp() override {
@@ -89,9 +91,11 @@ protected:
         ASSERT_TRUE(start());
         child_pid = child;
         last_aur_enabled = 1;
+        on_uninit = [this] { lan_pipe_open = ::fcntl(lan_pipe[1], F_GETFD) != -1; };
     }
     void TearDown() override {
         EXPECT_EQ(open_fds().size(), before.size() + 1) << "descriptors left open";
+        EXPECT_TRUE(lan_pipe_open) << "the LAN pipe closed before the network client stopped";
         DaemonTest::TearDown();
     }
     // Runs the loop; the stop request comes before the wait of pass `last`.
@@ -103,6 +107,7 @@ protected:
     }
     pid_t child = 0;
     std::set<int> before;
+    bool lan_pipe_open = false;
 };
 
 // A failed call of the loop's: logged, and the loop goes on to the second
@@ -141,15 +146,6 @@ TEST_F(Loop, AnUnreadableWatchIsClosedAndAFreshOneWatches) {
     EXPECT_EQ(conf_key("aur_enabled"), "true");
     const std::string no_file = "error start_sorvelupd: failed to get file for redirection";
     EXPECT_EQ(log(), (lines{kStart} + stopped(child) + lines{no_file, no_file, kStop}));
-}
-
-// A LAN change reported until the network client has stopped must find
-// its pipe, not a descriptor closed, or taken by something else, since.
-TEST_F(Loop, TheLanPipeOutlivesTheNetworkClient) {
-    bool pipe_open = false;
-    on_uninit = [&] { pipe_open = ::fcntl(lan_pipe[1], F_GETFD) != -1; };
-    EXPECT_EQ(run_to(1), 0);
-    EXPECT_TRUE(pipe_open);
 }
 
 TEST_F(Loop, QueuedLanWakeUpsCostOneStopAndOneRewrite) {

@@ -39,7 +39,7 @@ const report_step kReports[] = {
     {{}, {}, 1},
 };
 
-TEST_F(LanWatch, AChangedListIsKeptSortedAndWakesTheLoopOnce) {
+TEST_F(LanWatch, AChangedListIsKeptSortedWakesTheLoopOnceAndIsNeverSeenHalfWritten) {
     put("updater.conf", "{}");
     ASSERT_TRUE(start());
     ASSERT_TRUE(lan_callback);
@@ -52,13 +52,6 @@ TEST_F(LanWatch, AChangedListIsKeptSortedAndWakesTheLoopOnce) {
     }
     lan_callback(report({"lan1"}));  // returns although the pipe is full
     EXPECT_EQ(lan_interfaces, names{"lan1"});
-    stop();
-    run();
-}
-
-TEST_F(LanWatch, TheLoopNeverSeesAListHalfWritten) {
-    put("updater.conf", "{}");
-    ASSERT_TRUE(start());
     std::atomic<bool> done{false};
     std::thread client([&done] {
         for (int i = 0; !done; ++i) lan_callback(report(i % 2 ? names{"a", "b"} : names{"c"}));
@@ -66,7 +59,7 @@ TEST_F(LanWatch, TheLoopNeverSeesAListHalfWritten) {
     for (int i = 0; i < 300; ++i) {
         update_lan_config();
         const std::string written = conf_key("pcap_device");
-        EXPECT_TRUE(written == R"(["a","b"])" || written == R"(["c"])" || written == "[]") << written;
+        EXPECT_TRUE(written == R"(["a","b"])" || written == R"(["c"])" || written == R"(["lan1"])") << written;
     }
     done = true;
     client.join();
