@@ -136,7 +136,7 @@ disk=()
 [ -z "${ARMVM_DISK:-}" ] || disk=(-drive "file=$ARMVM_DISK,format=raw,if=none,id=disk" -device virtio-blk-device,drive=disk)
 timeout "$seconds" qemu-system-arm -M virt -smp 2 -m 256 -nographic -no-reboot -nic none "${disk[@]}" \
     ${ARMVM_PIDFILE:+-pidfile "$ARMVM_PIDFILE"} -kernel "$kdir"/boot/vmlinuz-* -initrd "$work/initrd.gz" \
-    -append "console=ttyAMA0 panic=-1 quiet loglevel=3" </dev/null | tr -d '\r' | tee "$console" || true
+    -append "console=ttyAMA0 panic=-1 quiet loglevel=3" </dev/null | stdbuf -oL tr -d '\r' | tee "$console" || true
 status=$(sed -n 's/^armvm: exit \([0-9]*\)$/\1/p' "$console")
 if [ -z "$status" ]; then
     echo "armvm: the guest on ${kernel#linux-image-} did not finish within $seconds s (console: $console)" >&2
