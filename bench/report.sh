@@ -114,7 +114,8 @@ report() {
         printf "| Fork of the updater to its exec, in the guest (us: median (min-max, n)) | RLIMIT_NOFILE 1024 | RLIMIT_NOFILE 1048576 |\n|---|---|---|\n"
         for (b = 1; b <= nb; b++)
             printf "| %s | %s | %s |\n", get("arm." boot[b] ".kernel"), spread("arm." boot[b] ".fork_exec_us.1024"), spread("arm." boot[b] ".fork_exec_us.1048576")
-        printf "\n"
+        printf "\nOne privacy change on UBIFS on a simulated NAND (%s, %s changes, each set and then waited for until the updater ran again, and a final sync): %s file flushes, %s writes to the flash, %s bytes written, per change.\n\n",
+            get("flash.kernel"), get("flash.changes"), get("flash.flushes"), get("flash.writes"), get("flash.bytes")
         printf "Targets:\n\n"
         kinds = get("idle.pass_kinds")
         passes_ok = (v["idle.passes"] > 0 && kinds == ("epoll_ctl+epoll_wait=" v["idle.passes"]) && v["idle.other_thread_calls"] == "none")
@@ -134,7 +135,7 @@ report() {
             printf "- armhf, %s: idle Private_Dirty at most 1.15 x the armhf floor, same boot: %s (%s KiB against %s KiB: %.2f x)\n",
                 get("arm." boot[b] ".kernel"), verdict(rd > 0 && pd <= 1.15 * rd), pd, rd, ((rd > 0) ? pd / rd : 0)
         }
-        printf "\nNot measured here: CPU time, wake-ups and latencies on an armhf device (under emulation the emulator would be measured); the device'"'"'s flash file system.\n"
+        printf "\nNot measured here: CPU time, wake-ups and latencies on an armhf device (under emulation the emulator would be measured); power cuts (tests/armvm/powercut.sh, docs/reliability.md).\n"
     }' "$results/values.tsv"
 }
 

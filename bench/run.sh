@@ -13,7 +13,8 @@
 # /opt holds the stand-in at /opt/aldrana/sorvel/sorvelupd, the machine's
 # /opt is never touched); the armhf daemon's memory and its fork to exec of
 # the updater on two 32-bit ARM kernels, Debian 12's and Debian 11's
-# (bench/guest.sh). Raw data of the last run stay in build-bench/results/
+# (bench/guest.sh); what one privacy change costs on a simulated NAND
+# (bench/flash.sh). Raw data of the last run stay in build-bench/results/
 # (report.md is the table, bench/report.sh). About 3 1/4 minutes once built.
 #
 # Environment: BENCH_CYCLES (restart cycles measured, default 12),
@@ -68,7 +69,7 @@ outside() {
     trap 'rm -rf "$bench_work"' EXIT
     note "measuring in a private mount, network and pid namespace (about 100 s)"
     BENCH_INSIDE=$bench_work unshare --mount --net --pid --fork --propagation private --kill-child -- "$0"
-    [ "$armhf_built" = 0 ] || { guest own; guest bullseye; }
+    [ "$armhf_built" = 0 ] || { guest own; guest bullseye; flash; }
     report | tee "$results/report.md"
 }
 
@@ -89,6 +90,17 @@ guest() {
         "$top/scripts/armvm.sh" "$build_arm/stage" "$bench/guest.sh" "${files[@]}" >"$results/armvm-$release.log" 2>&1 ||
         note "the guest failed: see $results/armvm-$release.log"
     sed -n "s/^value arm\.\([^ ]*\) \(.*\)$/arm.$release.\1\t\2/p" "$results/armvm-$release.log" >>"$results/values.tsv"
+}
+
+# flash: what one privacy change costs on a router's NAND (bench/flash.sh on
+# the kernel of the machine's own Debian release): values flash.*.
+flash() {
+    note "armhf: a privacy change on a simulated NAND (about 60 s)"
+    ARMVM_SECONDS=600 ARMVM_MODULES="nandsim:id_bytes=0x20,0x73 deflate zstd_compress zstd ubifs" \
+        ARMVM_PROGRAMS="mtd-utils:ubiattach mtd-utils:ubimkvol" \
+        "$top/scripts/armvm.sh" "$build_arm/stage" "$bench/flash.sh" >"$results/flash.log" 2>&1 ||
+        note "the flash guest failed: see $results/flash.log"
+    sed -n 's/^flash: \([a-z]*\) \(.*\)$/flash.\1\t\2/p' "$results/flash.log" >>"$results/values.tsv"
 }
 
 machine() {
