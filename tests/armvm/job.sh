@@ -61,7 +61,6 @@ daemon=$!
 
 check "first start" 100 starts_reach 1
 check "own group, daemon's child" 1 [ "$(field 1 3) $(field 1 4)" = "$(field 1 2) $daemon" ]
-check "first start: keys" 1 conf_has '"pcap_device":[],"connect_appid":"com.aldrana.sorvelupd","aur_enabled":true'
 aldsettings set /privacy/aur 0
 restart 1 "privacy off" '"aur_enabled":false'
 aldsettings set /system/app_id com.example.gateway

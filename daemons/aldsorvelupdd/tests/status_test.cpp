@@ -124,19 +124,11 @@ TEST_F(Status, TimesSinceBootAreTheBootClocks) {
     constexpr long long kAhead = 100000000;
     const pid_t child = ::fork();
     if (child == 0) {  // only its children enter the namespace it makes
-        if (::unshare(CLONE_NEWTIME) != 0) ::_exit(77);
         std::ofstream offsets("/proc/self/timens_offsets");
-        if (!(offsets << "boottime " << kAhead << " 0" << std::flush)) ::_exit(77);
-        const pid_t inside = ::fork();
-        if (inside == 0) {
-            status_started(1);
-            status_ended(0);
-            status_flush();
-            ::_exit(0);
-        }
+        if (::unshare(CLONE_NEWTIME) != 0 || !(offsets << "boottime " << kAhead << " 0" << std::flush)) ::_exit(77);
+        if (::fork() == 0) { status_started(1); status_ended(0); status_flush(); ::_exit(0); }
         int status = -1;
-        ::waitpid(inside, &status, 0);
-        ::_exit(status == 0 ? 0 : 1);
+        ::_exit(::wait(&status) > 0 && status == 0 ? 0 : 1);
     }
     int status = -1;
     ::waitpid(child, &status, 0);
