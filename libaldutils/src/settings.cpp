@@ -301,6 +301,11 @@ int setKey(const std::string& key, const std::string& value) {
     if (link_chain(file, hops) != 0) return -1;
     if (!hops.empty()) file = hops.back();
     const std::string dir = directory_of(file);
+    // Such a file would be taken for an interrupted set's and removed.
+    if (file.compare(dir.size() + (dir.size() > 1), sizeof kTempPrefix - 1, kTempPrefix) == 0) {
+        errno = EINVAL;
+        return -1;
+    }
     const int dir_fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir_fd < 0) return -1;
     // Sets in one directory take turns, so that a temporary file found here

@@ -90,6 +90,7 @@ int set(const std::string& key, const std::string& value) {
     if (ald::setMgmt::setKey(key, value) == 0) return kOk;
     const int err = errno;
     if (err == EISDIR) return fail(kFailed, key, "is a directory key, it cannot hold a value");
+    if (err == EINVAL) return fail(kUsage, key, "names starting with \".set-\" are the store's temporary files");
     // Not a directory on the way: a key in the store, or the store's own path.
     if (err == ENOTDIR && ald::setMgmt::init(false) == 0) return fail(kFailed, key, "a parent key holds a value");
     // A link into storage that is not there (not mounted?).

@@ -57,7 +57,7 @@ for ((i = 0; i <= cuts; i++)); do
     [ "$i" = 0 ] || echo "emmc: cut $i: ${r:-whole}"
     [ -z "$r" ] || broken=$((broken + 1))
     # What the key may hold after this cut: the last value acknowledged, and the one being set.
-    EMMC_VALUES="$(sed -n 's/^emmc: acked //p' "$work/console" | tail -1) $(sed -n 's/^emmc: trying //p' "$work/console" | tail -1)"
+    EMMC_VALUES=$(echo $(sed -n 's/^emmc: acked //p' "$work/console" | tail -1) $(sed -n 's/^emmc: trying //p' "$work/console" | tail -1))
 done
 echo "emmc: $cuts cuts on $(grep -o 'Linux [^ ]*' "$work/console" | head -1), broken afterwards: $broken"
 [ "$broken" = 0 ]

@@ -88,6 +88,6 @@ aldsorvelupdd 2>>/run/daemon.log &
 check "started again" 100 starts_reach 9
 kill -KILL $!
 check "SIGKILL: the updater goes with the daemon" 50 no_updater
-[ "${ALD_POWER_CUTS:-$ALD_POWER_CUTS_DEFAULT}" = 0 ] || . ./powercut.sh
+[ "${ALD_POWER_CUTS:-${ALD_POWER_CUTS_DEFAULT:-0}}" = 0 ] || . ./powercut.sh
 [ $fails = 0 ] || cat /run/daemon.log /run/persist.log 2>/dev/null
 exit $fails

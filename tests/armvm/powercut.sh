@@ -66,7 +66,7 @@ while [ $i -lt "${ALD_POWER_CUTS:-$ALD_POWER_CUTS_DEFAULT}" ]; do
     fi
     check "power cut $i: the flash stopped ($what, $k changes)" 1 stopped
     killall -KILL aldsorvelupdd sorvelupd 2>/dev/null; wait
-    umount /persist/var/run /persist && ubidetach -m 0 && attach
+    check "power cut $i: the volume attached again" 1 eval 'umount /persist/var/run /persist && ubidetach -m 0 && attach'
     problem=$(recovered)
     check "power cut $i: updater.conf and the key recovered${problem:+ ($problem)}" 1 [ -z "$problem" ]
     [ -z "$problem" ] || { torn=$((torn + 1)) && echo "$head\"pcap_device\":[]}" >$etc/updater.conf; }
@@ -75,8 +75,8 @@ while [ $i -lt "${ALD_POWER_CUTS:-$ALD_POWER_CUTS_DEFAULT}" ]; do
     ALD_ROOT=/persist aldsorvelupdd 2>>/run/persist.log &
     check "power cut $i: the daemon starts the updater again" 100 starts_reach $((started + 1))
 done
-ALD_ROOT=/persist aldsettings set /privacy/aur 1
-check "no temporary file left after a start and a set" 1 eval '[ -z "$(find /persist -name ".tmp-*" -o -name ".set-*")" ]'
+started=$(count) && ALD_ROOT=/persist aldsettings set /privacy/aur 7 && settle $((started + 1))
+check "no temporary file left after a start and a set" 1 eval '[ -z "$(find $etc -name ".tmp-*" -o -name ".set-*")" ]'
 copies=$(sed -n 's/.*removed \([0-9]*\) temporary files.*/\1/p' /run/persist.log | awk '{s += $1} END {print s + 0}')
 echo "armvm: power cuts: $i, broken afterwards: $torn; temporary files removed: $copies of the daemon's, $sets of sets"
 killall aldsorvelupdd

@@ -78,12 +78,7 @@ std::string get_redirection_file() {
 
 bool update_aur_config(const ald::path& key) {
     const int value = ald::setMgmt::getKeyValue(path_string(key), 1);
-    if (value == last_aur_enabled) {
-        // Back to what the file holds: a failed write of another value is
-        // no longer owed.
-        status_settled(kAurKey);
-        return true;
-    }
+    if (value == last_aur_enabled) return true;
 
     kill_and_wait_sorvelupd();
     status_update_begun(kAurKey);
@@ -97,7 +92,10 @@ bool update_aur_config(const ald::path& key) {
         json_object_set_new(document.get(), "aur_enabled", value != 0 ? json_true() : json_false());
         written = write_config(document);
     }
-    if (written) last_aur_enabled = value;
+    // A write that failed at the directory's flush has replaced the file
+    // all the same: what it holds is not known, and the next notification
+    // writes, whatever its value.
+    last_aur_enabled = written ? value : -1;
     return written;
 }
 

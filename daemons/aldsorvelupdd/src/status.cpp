@@ -100,19 +100,13 @@ void status_written(const json_ptr& config) {
         json_decref(written[i]);
         written[i] = json_incref(json_object_get(config.get(), kKeys[i]));
     }
+    owed &= ~updating;
     changed = true;
-    status_settled(updating);
 }
 
 void status_update_begun(unsigned keys) {
     updating = keys;
     owed |= keys;
-    changed = true;
-}
-
-void status_settled(unsigned keys) {
-    if ((owed & keys) == 0) return;
-    owed &= ~keys;
     changed = true;
 }
 

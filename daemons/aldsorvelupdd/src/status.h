@@ -19,11 +19,9 @@ constexpr unsigned kAurKey = 1, kLanKeys = 2 | 4;  // aur_enabled; pcap_device, 
 void status_written(const json_ptr& document);
 // An update of updater.conf that puts `keys` there begins: they are owed,
 // and the status says so, the values shown staying the last written, until
-// status_written or status_settled. Another update does not settle them: a
+// a write of theirs succeeds. Another update does not settle them: a
 // privacy write copies the LAN keys from the file, not what the daemon wants.
 void status_update_begun(unsigned keys);
-// updater.conf holds what the daemon wants in `keys` without a write.
-void status_settled(unsigned keys);
 // Writes the file if anything changed since the last call, the recorded
 // pid taken from child_pid. Costs no system call otherwise.
 void status_flush();

@@ -96,6 +96,13 @@ TEST_F(Config, AurEnabledIsFalseOnlyForZeroAndRewrittenOnlyWhenTheValueChanged) 
         EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
         EXPECT_EQ(conf_key("aur_enabled"), rename_fails ? "true" : "false");
     }
+    // Written, but its directory's flush failed: switching back writes again.
+    put("settings/privacy/aur", "0\n");
+    fail_call("_ZNK3ald4path4syncEv", 2);
+    EXPECT_FALSE(update_aur_config(ald::kPrivacySettingKey));
+    put("settings/privacy/aur", "1\n");
+    EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
+    EXPECT_EQ(conf_key("aur_enabled"), "true");
 }
 
 TEST_F(Config, PcapDeviceLeavesOutNamesThatAreNotUtf8AndFailuresWriteNothing) {

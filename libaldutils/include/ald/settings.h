@@ -76,18 +76,19 @@ std::string getKeyValue(const std::string& key, const std::string& default_value
 // would; no directory is made outside the key's path, so a link into
 // storage that is not mounted fails with ENOENT rather than writing under
 // the mount point. 0, or -1 with errno set and nothing left behind (EINVAL
-// for an invalid key, EISDIR for a directory key or "/", ENOTDIR when a
-// parent key holds a value, ELOOP for links that loop). A failed flush of
-// the directory after the rename is -1 too: the new value is there, but
-// may not survive a power cut.
+// for an invalid key or for a file, after the links, whose name starts with
+// ".set-", which is the sets' own; EISDIR for a directory key or "/",
+// ENOTDIR when a parent key holds a value, ELOOP for links that loop). A
+// failed flush of the directory after the rename is -1 too: the new value
+// is there, but may not survive a power cut.
 int setKey(const std::string& key, const std::string& value);
 // Removes a key; a directory key is removed with everything under it.
 // Symbolic links are removed, never followed: deleting a linked key removes
 // the link and keeps what it leads to. Not atomic for a directory key; the
 // key's directory is flushed, so a delete that returned 0 survives a power
-// cut. 0, or
-// -1 with errno set (ENOENT or ENOTDIR for a missing key, EINVAL for an
-// invalid key or for the store's root "/").
+// cut. 0, or -1 with errno set (ENOENT or ENOTDIR for a missing key, EINVAL
+// for an invalid key or for the store's root "/", or the flush's error: the
+// key is gone, but may come back after a power cut).
 int deleteKey(const std::string& key);
 
 // The files that the symbolic links of `file` lead through, in order: each
