@@ -51,20 +51,18 @@ while [ $i -lt "${ALD_POWER_CUTS:-$ALD_POWER_CUTS_DEFAULT}" ]; do
     # header writes to go, or 4 to 8, in turn.
     arm $((1 + i % 4 / 2 * 3)) $((2 + i % 4 / 2 * 6))
     if [ $((i % 2)) = 1 ]; then
-        what=privacy
         while [ $k -lt 300 ] && trying=$((k % 7)) && ALD_ROOT=/persist aldsettings set /privacy/aur $trying 2>/dev/null; do
             acked=$trying k=$((k + 1))
             sleep 0.1
         done
     else
-        what=LAN
         while [ $k -lt 40 ] && ! stopped; do
             n=$((n + 1)) k=$((k + 1)) lan="(\"lan$n\")?"
             started=$(count) && ip link add lan$n type veth && settle $((started + 1))
             started=$(count) && ip link del lan$n && settle $((started + 1))
         done
     fi
-    check "power cut $i: the flash stopped ($what, $k changes)" 1 stopped
+    check "power cut $i: the flash stopped ($k changes)" 1 stopped
     killall -KILL aldsorvelupdd sorvelupd 2>/dev/null; wait
     check "power cut $i: the volume attached again" 1 eval 'umount /persist/var/run /persist && ubidetach -m 0 && attach'
     problem=$(recovered)

@@ -86,23 +86,23 @@ TEST_F(Config, AurEnabledIsFalseOnlyForZeroAndRewrittenOnlyWhenTheValueChanged) 
         EXPECT_EQ(conf_key("aur_enabled"), step.aur_enabled);
     }
 
-    // A value that could not be written is tried again: no file, then a failed rename.
-    for (const bool rename_fails : {false, true}) {
-        put("settings/privacy/aur", rename_fails ? "1\n" : "0\n");
-        if (rename_fails) fail_call("rename", 1);
-        if (!rename_fails) fs::remove(etc + "/updater.conf");
+    // After a failed write the next value is written: the same one after no
+    // file or a failed rename, and the last one written before, switched
+    // back to, after a failed flush of the directory, which left the file
+    // replaced all the same.
+    const struct {
+        const char *value, *call, *then;
+        int nth;
+    } failures[] = {{"0\n", nullptr, "0\n", 0}, {"1\n", "rename", "1\n", 1}, {"0\n", "_ZNK3ald4path4syncEv", "1\n", 2}};
+    for (const auto& f : failures) {
+        put("settings/privacy/aur", f.value);
+        f.call ? fail_call(f.call, f.nth) : void(fs::remove(etc + "/updater.conf"));
         EXPECT_FALSE(update_aur_config(ald::kPrivacySettingKey));
         put("updater.conf", kConf);
+        put("settings/privacy/aur", f.then);
         EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
-        EXPECT_EQ(conf_key("aur_enabled"), rename_fails ? "true" : "false");
+        EXPECT_EQ(conf_key("aur_enabled"), *f.then == '0' ? "false" : "true");
     }
-    // Written, but its directory's flush failed: switching back writes again.
-    put("settings/privacy/aur", "0\n");
-    fail_call("_ZNK3ald4path4syncEv", 2);
-    EXPECT_FALSE(update_aur_config(ald::kPrivacySettingKey));
-    put("settings/privacy/aur", "1\n");
-    EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
-    EXPECT_EQ(conf_key("aur_enabled"), "true");
 }
 
 TEST_F(Config, PcapDeviceLeavesOutNamesThatAreNotUtf8AndFailuresWriteNothing) {

@@ -101,10 +101,6 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     status_flush();
     EXPECT_EQ(shown("config_failed"), "true");
     EXPECT_EQ(shown("config", "aur_enabled"), "true") << "not the last value written";
-    put("settings/privacy/aur", "1\n");  // back: written again
-    update_aur_config(ald::kPrivacySettingKey);
-    status_flush();
-    EXPECT_EQ(shown("config_failed"), "false") << "nothing is owed any more";
 
     std::string shown_in_loop, running;  // the loop's own start, as shown
     on_wait = [&](int) {
