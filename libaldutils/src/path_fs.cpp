@@ -1,9 +1,10 @@
 // The calls of ald::path that touch the file system.
 #include <ald/path.h>
 
+#include "dir_entries.h"
+
 #include <cerrno>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <string>
 #include <sys/random.h>
@@ -79,22 +80,19 @@ int path::remove_temp_files(basic_string_view<char> prefix) const {
     }
     const int fd = ::open(text, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return -1;
-    DIR* dir = ::fdopendir(fd);
-    if (!dir) {
-        const int err = errno;
-        ::close(fd);
-        errno = err;
-        return -1;
-    }
+    // Read without a DIR, whose buffer would leave a dirty heap page in the
+    // daemon, which does this once at its start.
     int removed = 0;
-    while (const dirent* entry = ::readdir(dir)) {
+    const bool read = detail::for_each_entry(fd, [&](const char* name) {
         struct stat st;
-        if (is_temp_name(entry->d_name, prefix) && ::fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISREG(st.st_mode) && ::unlinkat(fd, entry->d_name, 0) == 0)
+        if (is_temp_name(name, prefix) && ::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+            ::unlinkat(fd, name, 0) == 0)
             ++removed;
-    }
-    ::closedir(dir);
-    return removed;
+    });
+    const int err = errno;
+    ::close(fd);
+    errno = err;
+    return read ? removed : -1;
 }
 
 int path::unlink() const {

@@ -1,6 +1,8 @@
 // fork for a daemon with handlers and threads, and the environment builder.
 #include <ald/process.h>
 
+#include "dir_entries.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -29,25 +31,14 @@ void mark_cloexec(int fd) {
 bool cloexec_listed() {
     const int dir = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0) return false;
-    // getdents64 records, as the kernel lays them out on every architecture:
-    // inode (8 bytes), offset (8), record length (2), type (1), then the
-    // name, NUL-terminated.
-    alignas(8) char buf[1024];
-    long n;
-    while ((n = ::syscall(SYS_getdents64, dir, buf, sizeof buf)) > 0) {
-        for (long at = 0; at < n;) {
-            unsigned short length;
-            std::memcpy(&length, buf + at + 16, sizeof length);
-            const char* name = buf + at + 19;
-            at += length;
-            int fd = 0;
-            const char* c = name;
-            for (; *c >= '0' && *c <= '9'; ++c) fd = fd * 10 + (*c - '0');
-            if (c != name && *c == '\0' && fd > 2 && fd != dir) mark_cloexec(fd);
-        }
-    }
+    const bool read = detail::for_each_entry(dir, [dir](const char* name) {
+        int fd = 0;
+        const char* c = name;
+        for (; *c >= '0' && *c <= '9'; ++c) fd = fd * 10 + (*c - '0');
+        if (c != name && *c == '\0' && fd > 2 && fd != dir) mark_cloexec(fd);
+    });
     ::close(dir);
-    return n == 0;
+    return read;
 }
 
 // Marks every descriptor above 2 close-on-exec. Runs in the forked child of
