@@ -4,9 +4,9 @@
 # SIGKILLed) at a random moment while the privacy switch flips, and the next
 # boot checks the image: updater.conf whole, with the updater's keys and the
 # daemon's, the privacy key the last value whose set returned 0 or the one
-# being set. What the guest had not yet written
-# to its disk is lost; what qemu wrote to the image is not (a disk's own
-# volatile cache is not emulated).
+# being set. What the guest had not yet written to its disk is lost; what
+# qemu wrote to the image is not (a disk's own volatile cache is not
+# emulated).
 #
 #   tests/armvm/emmc.sh STAGE [CUTS]    (as root; CUTS default 20)
 #
