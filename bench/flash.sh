@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What one privacy change costs on a router's NAND: run by the guest of
 # scripts/armvm.sh from bench/run.sh, or by hand on any staged install (see
 # docs/performance.md), with the modules and programs of the power-cut job.

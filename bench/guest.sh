@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The daemon's idle memory and system calls on a 32-bit ARM kernel, and the
 # time from its fork of an updater to the updater's exec: run by the guest
 # of scripts/armvm.sh, with bench_idle_ref (the floor: an empty C++ program

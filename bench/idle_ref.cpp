@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The memory reference: a C++ program that does nothing, linked to the same
 // shared libraries as the daemon (the platform library, jansson, and through
 // the platform library libmnl; libstdc++ and libc), with one thread besides

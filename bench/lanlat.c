@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The time from a LAN link appearing (or going) to updater.conf replaced.
  *
  *   bench_lanlat CONF_DIR IFNAME add|del [TIMEOUT_S]

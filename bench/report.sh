@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # The table of bench/run.sh from its values.tsv, with the targets' verdicts.
 

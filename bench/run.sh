@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Footprint and cost of the daemon beside two peer supervisors, runit's runsv
 # and s6's s6-supervise, all three supervising the same stand-in updater
 # (bench/standin.c) in one run. Prints a table; no pass or fail.

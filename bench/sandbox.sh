@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # The measurements on this machine, run by bench/run.sh inside a private
 # mount, network and pid namespace: the three supervisors idle (memory,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Stripped sizes of the daemon and the peers, x86-64 and armhf, with every
 # library they need beyond the C and C++ runtimes. Sourced by bench/run.sh.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The stand-in updater that every supervisor of the benchmark runs: the
  * same static binary at /opt/aldrana/sorvel/sorvelupd for the daemon and as
  * ./run of the runsv and s6-supervise service directories.

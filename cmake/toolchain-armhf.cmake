@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Cross build for 32-bit ARM (hard float) with Debian's cross compiler and
 # the armhf development packages installed side by side with the host's
 # (multiarch): headers are shared in /usr/include, libraries, pkg-config

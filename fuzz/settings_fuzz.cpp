@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Arbitrary bytes as a settings key (up to the first newline) and a value
 // (the rest), on the real store under ALD_ROOT. Properties: an invalid key
 // is refused and leaves the file system as it was; a value stored under a

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Boots Debian's 32-bit ARM kernel (armmp) under full-system emulation,
 # qemu-system-arm -M virt, with no disk and no network, from an initramfs
 # assembled here: busybox, the staged armhf daemon, aldsettings and the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Sourced first by the scripts that need root (packages, namespaces,
 # mounts): as root they go on; otherwise they run again through sudo, with

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The daemon's job, narrated, in a throwaway sandbox: a private mount,
 # network and pid namespace with a stand-in updater at
 # /opt/aldrana/sorvel/sorvelupd (the machine's /opt is never touched) and a

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages that building, testing, the demo and the
 # benchmark need. Idempotent and quick: apt is consulted only when something
 # is missing, and root (through sudo for a user) only then.

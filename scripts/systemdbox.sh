@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Boots the systemd unit of a staged install under Debian's systemd as PID 1
 # of a container on this machine, and runs a check script in it once the
 # boot is over.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Every test. Installs what is missing (scripts/setup.sh), then builds and
 # runs, stopping at the first stage that fails:
 #   host   warnings as errors, the whole suite              (build/)

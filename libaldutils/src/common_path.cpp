@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The well-known directories under $ALD_ROOT.
 #include <ald/path.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The daemon framework: options, the stop pipe and its signals, the hooks.
 #include <ald/daemon.h>
 #include <ald/log.h>

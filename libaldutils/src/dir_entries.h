@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The names in an open directory, read with getdents64 into a buffer on the
 // caller's stack: nothing is allocated, so that a forked child of a process

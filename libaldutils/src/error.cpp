@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Per-thread error storage.
 #include <ald/error.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The line sink and the threshold.
 #include <ald/log.h>
 

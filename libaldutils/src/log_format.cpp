@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The one instantiation of the printf engine behind every log statement.
 #include <ald/log.h>
 #include <ald/memstream.h>

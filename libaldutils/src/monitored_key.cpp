@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The watch on one settings key, on inotify.
 //
 // Every existing directory from the configuration directory (from the top,

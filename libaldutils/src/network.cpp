@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The LAN interfaces over rtnetlink: link dumps on demand, and one thread
 // that follows link notifications and reports the LAN list.
 #include <ald/network.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Path text: joining pieces, keeping the NUL after the text.
 #include <ald/path.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The calls of ald::path that touch the file system.
 #include <ald/path.h>
 

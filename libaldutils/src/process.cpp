@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // fork for a daemon with handlers and threads, and the environment builder.
 #include <ald/process.h>
 

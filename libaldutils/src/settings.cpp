@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The settings store: one file per key, replaced by rename.
 #include <ald/settings.h>
 

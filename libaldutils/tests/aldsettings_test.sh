@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # aldsettings on the test's private store: each command's output, exit
 # status and error line.    Usage: aldsettings_test.sh PATH-TO-ALDSETTINGS
 tool=${1:?usage: $0 aldsettings}

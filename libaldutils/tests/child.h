@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What the library's tests share: a body run in a forked child, for what is
 // process-wide (the daemon instance, handlers, exits, a session).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The daemon framework (options, stop pipe, hooks), the log statement and
 // its sink, fork, and the environment builder's refusals (what it builds
 // shows in the updater's environment, tests/system). What is process-wide (the instance,

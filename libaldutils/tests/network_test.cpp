@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // LAN interfaces over rtnetlink, each test in a network namespace of its
 // own (root only), with links made by ip(8). How the daemon follows links
 // as they come, go and are renamed is in tests/armvm.

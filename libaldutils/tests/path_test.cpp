@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Paths and temporary files, and per-thread error storage (the
 // configuration directory under an ALD_ROOT that ends in slashes: the
 // daemon's tests). The line buffer is the log test's.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The settings store and its watch, on the real file system and inotify
 // under the test's ALD_ROOT.
 #include <ald/settings.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // aldsettings: reads and changes the settings store from the shell.
 #include <ald/settings.h>
 

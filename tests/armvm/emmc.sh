@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Power cuts on eMMC, by hand: updater.conf and the settings on ext4 on a
 # virtio disk image; the guest of scripts/armvm.sh is powered off (qemu
 # SIGKILLed) at a random moment while the privacy switch flips, and the next

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The daemon's job on a 32-bit ARM kernel, and the only end-to-end test of
 # changes: run by the guest of scripts/armvm.sh (busybox sh, root, the
 # daemon at /usr/sbin as on a device). One "armvm: ok WHAT" or "armvm: FAIL

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Power cuts on a router's NAND: sourced by job.sh, whose helpers it uses.
 # updater.conf and the settings live on UBIFS on a simulated NAND (nandsim),
 # /persist as on a device; UBI's power-cut emulation stops every write to

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash disable=SC2034 # SB_* are for the scripts that source this
 # The sandbox in which the installed daemon runs, for the system tests and
 # scripts/demo.sh: a private mount, network and pid namespace, a tmpfs over

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The installed daemon end to end, one scenario per run, each in a sandbox
 # of its own (sandbox.sh), driven as an operator drives the device:
 # aldsettings, ip link, signals.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=sh
 # The installed systemd unit under systemd as PID 1, run beside it by
 # scripts/systemdbox.sh (sh, root, outside the unit): the updater's job

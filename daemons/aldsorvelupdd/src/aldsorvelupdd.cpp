@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Entry point and the two hooks: init builds the event loop's descriptors
 // and clients, run is the loop and its shutdown.
 #include "hooks.h"

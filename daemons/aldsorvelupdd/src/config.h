@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // updater.conf: loading, atomic replacement, var_path, and the daemon's keys.
 #include <ald/path.h>

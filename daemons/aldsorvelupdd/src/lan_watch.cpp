@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "lan_watch.h"
 
 #include "state.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // LAN interface names: the list kept in lan_interfaces and the wake-up of
 // the event loop when it changes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The log statement: a level (error, warning or info), a printf-style format
 // and its arguments. The file's base name is fixed at compile time; the line

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The daemon's process-wide state. Everything here is touched only by the
 // thread that runs the hooks, except lan_interfaces (under lan_mutex) and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The updater's state at a glance for whoever looks after the device:
 // $ALD_ROOT/var/run/aldsorvelupdd.json, replaced by rename when something in

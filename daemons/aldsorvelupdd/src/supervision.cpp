@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "supervision.h"
 
 #include "config.h"

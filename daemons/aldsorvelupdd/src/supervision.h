@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The updater child: launch, reap on SIGCHLD, and the bounded stop.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // updater.conf: what a failed rewrite leaves behind, where the updater's
 // output goes, and what the two updaters write.
 #include "config.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What the daemon's unit tests share: scripted failures of the calls on its
 // failure paths (link-time wraps around the real C library and platform

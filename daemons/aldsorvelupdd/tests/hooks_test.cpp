@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // main, init and the event loop: what only scripted failures and crafted
 // batches of events reach. The whole job, end to end: tests/system, tests/armvm.
 #include "harness.h"

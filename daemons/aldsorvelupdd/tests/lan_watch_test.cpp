@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The LAN callback that init registers, called here as the network
 // client's thread would: the sorted list kept, one wake-up byte per
 // change, never a wait, and never a list half written for the loop.

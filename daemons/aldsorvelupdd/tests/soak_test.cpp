@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Restarts of the whole daemon, main included, on the real platform
 // library: every updater fails at once (its output directory is missing),
 // and the pause after each reap, free here, is where the daemon is looked

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The status file after each kind of event, as someone looking at the
 // device reads it. The updater's output directory is missing, so that each
 // child fails before exec and exits with status 1.

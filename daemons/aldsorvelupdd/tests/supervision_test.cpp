@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The updater's launch, reap and stop where the system tests cannot steer
 // them: a failed fork, crafted signal records, and the stop series against
 // children that will not die or are not the daemon's, the pauses free.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The daemon framework: command line, stop pipe, and the two hooks.
 #include <functional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Per-thread error storage for failures that are recorded, not logged, where
 // they happen.

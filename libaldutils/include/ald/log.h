@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Log lines: a threshold, a line sink, and the printf-style statement form.
 #include <ald/string_view.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // An output stream that writes into a growable character vector.
 #include <ald/string_view.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Network management: the device's LAN interfaces, over rtnetlink.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Filesystem paths and the platform's well-known directories.
 #include <ald/string_view.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Child processes and their environment.
 #include <initializer_list>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The settings store: one file per key under $ALD_ROOT/etc/aldrana/settings.
 //

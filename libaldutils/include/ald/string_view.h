@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A borrowed run of characters, as the platform's logging, path and error
 // calls take it.
