@@ -1,247 +1,286 @@
 // SPDX-License-Identifier: MIT
-// The watch on one settings key, on inotify.
+// The watch on one settings key: inotify on every directory of the key's
+// way, the mount table beside it, both behind one epoll set.
 //
-// Every existing directory from the configuration directory (from the top,
-// "/", while that is missing) down to the key's own directory is watched,
-// each for the one name in it that leads to the key.
-// The key's directory reports the key's own events; an ancestor reports the
-// next directory of the path appearing, vanishing or being renamed, which
-// moves the path onto other inodes: the watches are then placed again,
-// parent before child, so that a directory made between two steps is still
-// reported by its parent's watch.
+// Each step of the way is looked up in a directory; that directory is
+// watched for the step's name when the step can change by its entries (a
+// link, a missing name, the key's file), and for its own move or deletion
+// otherwise, which is all a directory that merely lies on the way can do to
+// it (a directory with the rest of the way in it cannot be replaced by a
+// rename, nor removed). Whatever else changes the way is a mount.
 //
-// A key that is a symbolic link changes where its links lead: each file on
-// the way is watched in its directory, for its name, as the key is in its
-// own, or, while that directory is missing, in its nearest ancestor. The
-// links are followed again each time the watches are placed, and the
-// watches are placed again after every change of the key, so that a link
-// pointed elsewhere is followed before the handler reads the value.
-// Watches only grow their masks (IN_MASK_ADD): a target that sits in a
-// directory of the key's path shares that directory's watch.
+// The watches are placed after a resolution and the key is then resolved
+// again: a change between the two shows as a different way, placed and
+// checked once more, so none falls between a look and its watch.
+#include <ald/log.h>
 #include <ald/settings.h>
 
+#include "mount_table.h"
+
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace ald {
 namespace setMgmt {
 namespace {
 
-// Entries of a directory on the path come and go, or the directory itself
-// goes; a file that took a directory's name is no step of the path.
-constexpr std::uint32_t kPathMask =
-    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// What a directory does to itself, which moves the way elsewhere.
+constexpr std::uint32_t kSelfMask = IN_DELETE_SELF | IN_MOVE_SELF;
+// Names coming and going in a directory.
+constexpr std::uint32_t kEntryMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
 // In-place writes count when the writer closes the file, so that the handler
 // never reads half of a write.
-constexpr std::uint32_t kKeyMask = kPathMask | IN_CLOSE_WRITE;
-// Whatever happens to a watched directory itself.
-constexpr std::uint32_t kSelfEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
+constexpr std::uint32_t kFileMask = kEntryMask | IN_CLOSE_WRITE;
+// Besides the events asked for, a watch reports its directory's file system
+// unmounted and its own end.
+constexpr std::uint32_t kGone = kSelfMask | IN_UNMOUNT | IN_IGNORED;
 
-// A directory that cannot be watched because it is not there (yet).
-bool absent(int err) { return err == ENOENT || err == ENOTDIR || err == ELOOP || err == ENAMETOOLONG; }
+// How often one refresh places the watches again while the way keeps
+// changing under it; the events of a change after the last round bring
+// the next refresh.
+constexpr int kRounds = 16;
+
+// A directory that cannot be watched because it is not there (any more):
+// the resolution that follows the placing sees it.
+bool absent(int err) {
+    return err == ENOENT || err == ENOTDIR || err == ELOOP || err == EACCES || err == ENAMETOOLONG;
+}
+
+bool same_way(const Resolution& a, const Resolution& b) {
+    if (a.error != b.error || a.steps.size() != b.steps.size()) return false;
+    for (std::size_t i = 0; i < a.steps.size(); ++i) {
+        const Resolution::Step &x = a.steps[i], &y = b.steps[i];
+        if (x.kind != y.kind || x.name != y.name || x.dir_dev != y.dir_dev || x.dir_ino != y.dir_ino ||
+            x.dev != y.dev || x.ino != y.ino)
+            return false;
+    }
+    return true;
+}
+
+// What the key's file is: its device and inode, or nothing.
+struct Target {
+    bool found;
+    dev_t dev;
+    ino_t ino;
+    bool operator==(const Target& o) const { return found == o.found && (!found || (dev == o.dev && ino == o.ino)); }
+};
+
+Target target_of(const Resolution& way) {
+    if (!way.found()) return {false, 0, 0};
+    return {true, way.steps.back().dev, way.steps.back().ino};
+}
+
+std::uint32_t mask_of(const Resolution& way, std::size_t step) {
+    const Resolution::Step& s = way.steps[step];
+    if (step + 1 == way.steps.size() && (s.kind == Resolution::Kind::file || s.kind == Resolution::Kind::missing))
+        return kSelfMask | kFileMask;
+    return s.kind == Resolution::Kind::directory ? kSelfMask : kSelfMask | kEntryMask;
+}
+
+// Once per process: the daemon's log says it, not every new descriptor.
+void say_no_mounts(int err) {
+    static std::atomic<bool> said{false};
+    if (said.exchange(true)) return;
+    const std::string line = std::string("settings watch: no mount table (/proc/self/mountinfo: ") +
+                             std::strerror(err) + "): mounts on the way to a key are not seen";
+    log::print(0, log::level::warning, basic_string_view<char>(line.data(), static_cast<std::uint32_t>(line.size())));
+}
+
+bool add(int epoll, int fd) {
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = fd;
+    return ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &ev) == 0;
+}
 
 }  // namespace
 
 MonitoredKey::MonitoredKey(const path& key, handler_type handler, int, bool) : key_(key), handler_(handler) {}
 
-MonitoredKey::~MonitoredKey() { forget(); }
+MonitoredKey::~MonitoredKey() { cancel(); }
 
 int MonitoredKey::get_fd() {
     if (fd_ >= 0) return fd_;
     if (cancelled_) return -1;
-    const std::string key = key_.c_str() ? key_.c_str() : "";
-    if (key.size() != key_.size() || !valid_key(key)) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (levels_.empty()) plan(key);
-    fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd_ < 0) return -1;
-    if (!arm()) {
-        int err = errno;
-        forget();
+    if (!open()) {
+        const int err = errno;
+        close_inner();
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
         errno = err;
         return -1;
     }
-    present_ = key_present();
     return fd_;
+}
+
+// The mount table is opened before the first resolution, so that a mount
+// made while the way is being looked at is reported.
+bool MonitoredKey::open() {
+    const std::string key = key_.c_str() ? key_.c_str() : "";
+    if (key.size() != key_.size() || !valid_key(key)) {
+        errno = EINVAL;
+        return false;
+    }
+    fd_ = ::epoll_create1(EPOLL_CLOEXEC);
+    if (fd_ < 0 || ::fcntl(fd_, F_SETFL, O_NONBLOCK) != 0) return false;
+    inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (inotify_ < 0 || !add(fd_, inotify_)) return false;
+    mounts_ = new (std::nothrow) detail::MountTable;
+    if (!mounts_) {
+        errno = ENOMEM;
+        return false;
+    }
+    if (mounts_->open() != 0) {
+        if (errno != ENOENT && errno != EACCES) return false;
+        say_no_mounts(errno);
+        delete mounts_;
+        mounts_ = nullptr;
+    } else if (!add(fd_, mounts_->fd())) {
+        return false;
+    }
+    way_ = Resolution();
+    wds_.clear();
+    return refresh();
 }
 
 bool MonitoredKey::read_notifications() {
     if (fd_ < 0) return false;
-    bool concerned = false;
-    bool moved = false;
-    bool broken = false;
+    // Which of the two is ready; a descriptor that is no epoll set any more
+    // (closed and reused, or broken) says so here.
+    epoll_event ready[2];
+    int n;
+    while ((n = ::epoll_wait(fd_, ready, 2, 0)) < 0 && errno == EINTR) {
+    }
+    bool broken = n < 0;
+    bool resolve = false;
+    bool touched = false;
+    for (int i = 0; i < n && !broken; ++i) {
+        if (ready[i].data.fd == inotify_) {
+            read_events(resolve, touched);
+            broken = inotify_ < 0;
+        } else if (mounts_ && ready[i].data.fd == mounts_->fd() && mounts_->drain()) {
+            resolve = true;
+        }
+    }
+    if (!broken && resolve) {
+        const Target before = target_of(way_);
+        broken = !refresh();
+        if (!(target_of(way_) == before)) touched = true;
+    }
+    if (broken) {
+        // Gone with the descriptor: events, and with them any change of the
+        // key, may have been lost. The caller closes the descriptor.
+        close_inner();
+        fd_ = -1;
+        touched = true;
+    }
+    if (touched && handler_) handler_(key_);
+    return !broken;
+}
+
+// Sorts the pending events into "the way may have changed" and "the key's
+// file was written". A read that fails leaves inotify_ closed.
+void MonitoredKey::read_events(bool& resolve, bool& touched) {
     alignas(inotify_event) char buf[4096];
     for (;;) {
-        ssize_t n = ::read(fd_, buf, sizeof buf);
+        const ssize_t n = ::read(inotify_, buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno == EAGAIN) break;
+        if (n < 0 && errno == EAGAIN) return;
         if (n <= 0) {
-            broken = true;
-            break;
+            ::close(inotify_);
+            inotify_ = -1;
+            return;
         }
         for (ssize_t off = 0; off < n;) {
             const auto* ev = reinterpret_cast<const inotify_event*>(buf + off);
             off += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
             if (ev->mask & IN_Q_OVERFLOW) {
                 // Events were dropped: any of them may have been the key's.
-                concerned = moved = true;
+                resolve = touched = true;
                 continue;
             }
-            classify(*ev, concerned, moved);
+            for (std::size_t i = 0; i < wds_.size(); ++i) {
+                if (wds_[i] != ev->wd) continue;
+                if (ev->mask & kGone) {
+                    resolve = true;
+                } else if (ev->len != 0 && way_.steps[i].name == ev->name) {
+                    const bool last = i + 1 == wds_.size();
+                    // A write in place leaves the way as it was.
+                    resolve = resolve || !(last && ev->mask == IN_CLOSE_WRITE);
+                    touched = touched || last;
+                }
+            }
         }
     }
-    if (!broken && (moved || concerned)) {
-        const bool was_present = present_;
-        broken = !arm();
-        if (!broken) {
-            present_ = key_present();
-            // The path now leads elsewhere: the key changed unless it is
-            // missing both before and after.
-            if (was_present || present_) concerned = true;
+}
+
+// Resolves the key and, while the way differs from the one watched, places
+// the watches along the new one and looks again. False when a watch cannot
+// be placed for want of resources (ENOSPC, ENOMEM).
+bool MonitoredKey::refresh() {
+    const std::string key = key_.c_str();
+    for (int round = 0; round < kRounds; ++round) {
+        Resolution now;
+        resolve(key, now);
+        if (same_way(now, way_)) return true;
+        if (!place(now)) return false;
+        way_ = std::move(now);
+    }
+    return true;
+}
+
+// One watch per directory of the way, with the union of what its steps
+// need; watches of directories that left the way are removed.
+bool MonitoredKey::place(const Resolution& way) {
+    std::vector<int> wds(way.steps.size(), -1);
+    for (std::size_t i = 0; i < way.steps.size(); ++i) {
+        if (wds[i] != -1) continue;
+        const Resolution::Step& s = way.steps[i];
+        std::uint32_t mask = 0;
+        for (std::size_t j = i; j < way.steps.size(); ++j) {
+            const Resolution::Step& o = way.steps[j];
+            if (o.dir_dev == s.dir_dev && o.dir_ino == s.dir_ino) mask |= mask_of(way, j);
+        }
+        const int wd = ::inotify_add_watch(inotify_, s.dir.c_str(), mask | IN_ONLYDIR | IN_DONT_FOLLOW);
+        if (wd < 0 && !absent(errno)) return false;
+        for (std::size_t j = i; j < way.steps.size(); ++j) {
+            const Resolution::Step& o = way.steps[j];
+            if (o.dir_dev == s.dir_dev && o.dir_ino == s.dir_ino) wds[j] = wd < 0 ? -2 : wd;
         }
     }
-    if (broken) {
-        // Gone with the descriptor: events, and with them any change of the
-        // key, may have been lost. The caller closes the descriptor.
-        fd_ = -1;
-        for (auto& level : levels_) level.wd = -1;
-        hops_.clear();
-        concerned = true;
+    for (int& wd : wds)
+        if (wd == -2) wd = -1;
+    for (int old : wds_) {
+        bool kept = old < 0;
+        for (int wd : wds) kept = kept || wd == old;
+        // The kernel may have dropped it already (IN_IGNORED): no matter.
+        if (!kept) ::inotify_rm_watch(inotify_, old);
     }
-    if (concerned && handler_) handler_(key_);
-    return !broken;
+    wds_ = std::move(wds);
+    return true;
 }
 
 void MonitoredKey::cancel() {
     cancelled_ = true;
-    forget();
-}
-
-void MonitoredKey::forget() {
+    close_inner();
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
-    for (auto& level : levels_) level.wd = -1;
-    hops_.clear();
 }
 
-// Splits the key's file into the directories that lead to it. The name of
-// the last level is the key's own.
-void MonitoredKey::plan(const std::string& key) {
-    const std::string store = store_directory();
-    const std::string file = key == "/" ? store : store + key;
-    const std::string anchor = store.substr(0, store.rfind('/'));
-    anchor_ = 0;
-    std::string dir = file[0] == '/' ? "/" : ".";
-    std::size_t start = 0;
-    while (start < file.size()) {
-        std::size_t slash = file.find('/', start);
-        if (slash == std::string::npos) slash = file.size();
-        if (slash > start) {
-            std::string name = file.substr(start, slash - start);
-            if (dir == anchor) anchor_ = levels_.size();
-            levels_.push_back({dir, name, -1});
-            if (dir.back() != '/') dir += '/';
-            dir += name;
-        }
-        start = slash + 1;
-    }
-    file_ = dir;
-}
-
-// Places a watch on every level that exists, top down, and drops the
-// watches of directories that left the path. A missing directory ends the
-// walk: its parent's watch reports it when it appears. The directories above
-// the configuration directory are watched only while it is missing: on a
-// device they see unrelated renames (/etc) that would wake the daemon. Then
-// the key's links, when its directory is there.
-bool MonitoredKey::arm() {
-    std::vector<int> old;
-    for (auto& level : levels_) old.push_back(level.wd);
-    for (auto& hop : hops_) old.push_back(hop.wd);
-    bool ok = true;
-    std::size_t first = anchor_;
-    for (;;) {
-        bool missing = false;
-        for (std::size_t i = 0; i < levels_.size(); ++i) {
-            Level& level = levels_[i];
-            level.wd = -1;
-            if (missing || i < first) continue;
-            const std::uint32_t mask = (i + 1 == levels_.size() ? kKeyMask : kPathMask) | IN_MASK_ADD;
-            level.wd = ::inotify_add_watch(fd_, level.dir.c_str(), mask);
-            if (level.wd >= 0) continue;
-            // Not a directory there (yet): the key cannot exist below it.
-            missing = true;
-            if (!absent(errno)) ok = false;
-        }
-        // Without the configuration directory, watch from the top for it.
-        if (!ok || first == 0 || levels_[first].wd >= 0) break;
-        first = 0;
-    }
-    std::vector<std::string> chain;
-    if (ok && levels_.back().wd >= 0) link_chain(file_, chain);
-    hops_.clear();
-    for (const std::string& file : chain) {
-        const std::size_t slash = file.rfind('/');
-        Level hop{file.substr(0, slash == 0 ? 1 : slash), file.substr(slash + 1), -1};
-        hop.wd = ::inotify_add_watch(fd_, hop.dir.c_str(), kKeyMask | IN_MASK_ADD);
-        // A directory not there yet (storage that is prepared later): its
-        // nearest ancestor that is there reports the next step appearing,
-        // which counts as a change of the key, and the watches follow.
-        while (hop.wd < 0 && absent(errno) && hop.dir.size() > 1) {
-            const std::size_t up = hop.dir.rfind('/');
-            if (up == std::string::npos) break;
-            hop.name = hop.dir.substr(up + 1);
-            hop.dir.resize(up == 0 ? 1 : up);
-            hop.wd = ::inotify_add_watch(fd_, hop.dir.c_str(), kPathMask | IN_MASK_ADD);
-        }
-        if (hop.wd < 0 && !absent(errno)) ok = false;
-        hops_.push_back(std::move(hop));
-    }
-    int err = errno;
-    for (int wd : old) {
-        if (wd < 0) continue;
-        bool kept = false;
-        for (const auto& level : levels_) kept = kept || level.wd == wd;
-        for (const auto& hop : hops_) kept = kept || hop.wd == wd;
-        // The kernel may have dropped it already (IN_IGNORED): no matter.
-        if (!kept) ::inotify_rm_watch(fd_, wd);
-    }
-    errno = err;
-    return ok;
-}
-
-// Sorts one event into "concerns the key" and "the path moved".
-void MonitoredKey::classify(const inotify_event& ev, bool& concerned, bool& moved) const {
-    for (std::size_t i = 0; i < levels_.size(); ++i) {
-        const Level& level = levels_[i];
-        if (level.wd != ev.wd) continue;
-        if (ev.mask & kSelfEvents) {
-            moved = true;
-            continue;
-        }
-        if (ev.len == 0) continue;
-        if (level.name != ev.name) continue;
-        if (i + 1 == levels_.size()) {
-            concerned = true;  // the key itself
-        } else {
-            moved = true;  // a directory of the path
-        }
-    }
-    for (const Level& hop : hops_) {
-        if (hop.wd != ev.wd) continue;
-        if (ev.mask & kSelfEvents) moved = true;
-        if (ev.len != 0 && hop.name == ev.name) concerned = true;
-    }
-}
-
-bool MonitoredKey::key_present() const {
-    struct stat st;
-    return ::stat(file_.c_str(), &st) == 0;
+void MonitoredKey::close_inner() {
+    if (inotify_ >= 0) ::close(inotify_);
+    inotify_ = -1;
+    delete mounts_;
+    mounts_ = nullptr;
+    way_ = Resolution();
+    wds_.clear();
 }
 
 }  // namespace setMgmt

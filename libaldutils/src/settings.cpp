@@ -295,12 +295,16 @@ int setKey(const std::string& key, const std::string& value) {
         errno = EISDIR;
         return -1;
     }
-    std::string file = key_file(key);
-    if (make_directories(directory_of(file)) != 0) return -1;
-    // Renaming over a link would replace it: the value goes where it leads.
-    std::vector<std::string> hops;
-    if (link_chain(file, hops) != 0) return -1;
-    if (!hops.empty()) file = hops.back();
+    if (make_directories(directory_of(key_file(key))) != 0) return -1;
+    // Renaming over a link would replace it: the value goes where the way
+    // to the key leads, links on it followed, as a reader's open goes.
+    Resolution way;
+    resolve(key, way);
+    if (way.error != 0) {
+        errno = way.error;
+        return -1;
+    }
+    const std::string& file = way.file;
     const std::string dir = directory_of(file);
     // Such a file would be taken for an interrupted set's and removed.
     if (file.compare(dir.size() + (dir.size() > 1), sizeof kTempPrefix - 1, kTempPrefix) == 0) {
@@ -320,26 +324,6 @@ int setKey(const std::string& key, const std::string& value) {
     ::close(dir_fd);
     errno = err;
     return result;
-}
-
-int link_chain(const std::string& file, std::vector<std::string>& hops) {
-    hops.clear();
-    for (std::string at = file;;) {
-        // The kernel keeps link targets shorter than PATH_MAX: none is cut.
-        char target[PATH_MAX];
-        // Any failure ends the chain: no link there (EINVAL), nothing there,
-        // or a path that the caller's own call then reports.
-        ssize_t n = ::readlink(at.c_str(), target, sizeof target);
-        if (n <= 0) return 0;
-        if (hops.size() == kMaxLinks) {
-            errno = ELOOP;
-            return -1;
-        }
-        std::string next(target, static_cast<std::size_t>(n));
-        if (next[0] != '/') next.insert(0, at.substr(0, at.rfind('/') + 1));
-        hops.push_back(next);
-        at = std::move(next);
-    }
 }
 
 int deleteKey(const std::string& key) {

@@ -14,6 +14,8 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <sys/epoll.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -117,7 +119,9 @@ void overflow(const std::string& file) {
     }
 }
 
-// The watch, served as the daemon serves it.
+// The watch, served as the daemon serves it: its descriptor registered
+// again in an epoll set of the caller's (EPOLL_CTL_MOD) before each wait,
+// so that a change made while nobody waits, a mount above all, is seen.
 int g_calls = 0;
 bool count_call(const ald::path&) { return ++g_calls; }
 
@@ -126,19 +130,36 @@ protected:
     // Handler calls once the descriptor has been quiet for 200 ms.
     int changes() {
         const int before = g_calls;
-        for (pollfd ready{watch.get_fd(), POLLIN, 0}; ::poll(&ready, 1, 200) == 1; ready.fd = watch.get_fd())
-            if (!watch.read_notifications()) break;
+        for (epoll_event ev{};; ev = {}) {
+            const int fd = ev.data.fd = watch.get_fd();
+            ev.events = EPOLLIN;
+            if (::epoll_ctl(outer, EPOLL_CTL_MOD, fd, &ev) != 0) ::epoll_ctl(outer, EPOLL_CTL_ADD, fd, &ev);
+            if (::epoll_wait(outer, &ev, 1, 200) != 1) break;
+            if (!watch.read_notifications()) ::epoll_ctl(outer, EPOLL_CTL_DEL, fd, nullptr), ::close(fd);
+        }
         return g_calls - before;
     }
+    const int outer = ::epoll_create1(EPOLL_CLOEXEC);
     sm::MonitoredKey watch{ald::path("/a/b/key"), count_call, 0, false};
 };
 
-TEST_F(Watch, EveryChangeOfTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes) {
+// Run in a mount namespace of the test's own (tests/CMakeLists.txt), where
+// it may mount under its ALD_ROOT.
+TEST_F(Watch, EveryChangeOfTheWayToTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes) {
     fs::remove_all(store);
-    const std::string persist = root + "/persist", key_dir = store + "/a/b/";
-    auto link = [&](const std::string& target, const char* name) { fs::create_symlink(target, key_dir + name); };
-    // The key made a link to `target` by a rename, its call consumed.
-    auto repoint = [&](const std::string& target) { link(target, ".new"), fs::rename(key_dir + ".new", key_dir + "key"), changes(); };
+    const std::string key = store + "/a/b/key", persist = root + "/persist", data = root + "/mnt/data",
+                      slots = root + "/slots";
+    for (const auto& dir : {persist, data, slots + "/a", slots + "/b", slots + "/shared", root + "/lower", root + "/usb",
+                            root + "/disk/persist", root + "/ov"})
+        fs::create_directories(dir);
+    // The link `at` made or replaced by a rename, as firmware does it.
+    auto ln = [](const std::string& target, const std::string& at) {
+        fs::create_symlink(target, at + ".new"), fs::rename(at + ".new", at);
+    };
+    auto write = [](const std::string& file, const char* text) { std::ofstream(file) << text; };
+    auto mount = [](const char* type, const std::string& from, const std::string& at, const std::string& opts = "") {
+        if (::mount(from.c_str(), at.c_str(), type, type ? 0 : MS_BIND, opts.c_str()) != 0) throw fs::filesystem_error("mount", at, std::error_code(errno, std::generic_category()));
+    };
     ASSERT_GE(watch.get_fd(), 0);  // neither the key nor its directories exist yet
     EXPECT_TRUE(::fcntl(watch.get_fd(), F_GETFL) & O_NONBLOCK);
     const struct {
@@ -147,19 +168,38 @@ TEST_F(Watch, EveryChangeOfTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes) {
         int calls;
     } steps[] = {
         {"directories made, key written", [&] { put("/a/b/key", "1"); }, 1},
-        {"written in place", [&] { std::ofstream(store + "/a/b/key") << "2"; }, 1},
+        {"written in place", [&] { write(key, "2"); }, 1},
         {"renamed into place", [&] { sm::setKey("/a/b/key", "3"); }, 1},
-        {"deleted", [&] { fs::remove(store + "/a/b/key"); }, 1},
-        {"made again as a link elsewhere", [&] { put("/../../../persist/v", "4"), link(persist + "/v", "key"); }, 1},
-        {"its target written in place", [&] { std::ofstream(persist + "/v") << "5"; }, 1},
+        {"deleted", [&] { fs::remove(key); }, 1},
+        {"made again as a link elsewhere", [&] { write(persist + "/v", "4"), ln(persist + "/v", key); }, 1},
+        {"its target written in place", [&] { write(persist + "/v", "5"); }, 1},
         {"its target replaced by a set", [&] { sm::setKey("/a/b/key", "6"); }, 1},
-        {"pointed at nothing, then the old target written", [&] { repoint(persist + "/w"), std::ofstream(persist + "/v") << "7"; }, 0},
-        {"the new target made", [&] { std::ofstream(persist + "/w") << "8"; }, 1},
-        {"pointed into a directory made later, then made", [&] { repoint(root + "/late/x"), put("/../../../late/x", "9"); }, 1},
+        {"pointed at nothing", [&] { ln(persist + "/w", key); }, 1},
+        {"then the old target written", [&] { write(persist + "/v", "7"); }, 0},
+        {"the new target made", [&] { write(persist + "/w", "8"); }, 1},
         {"many writes before one read", [&] { for (int i = 0; i < 50; ++i) sm::setKey("/a/b/key", std::to_string(i)); }, 1},
-        {"files beside it", [&] { put("/a/b/keyring", "x"), sm::setKey("/a/b2/key", "x"), put("/../updater.conf", "{}"); }, 0},
-        {"its directory moved away", [&] { fs::rename(store + "/a", store + "/gone"); }, 1},
-        {"a directory with the key moved in", [&] { fs::rename(store + "/gone", store + "/a"); }, 1},
+        {"files beside it", [&] { put("/a/b/keyring", "x"), sm::setKey("/a/b2/key", "x"), write(persist + "/x", "x"); }, 0},
+        {"a loop of links", [&] { ln("key", key + "2"), ln("key2", key); }, 1},
+        {"the loop's end made a value", [&] { write(key + "2.new", "9"), fs::rename(key + "2.new", key + "2"); }, 1},
+        {"pointed at an empty mount point", [&] { ln(data + "/persist/aur", key); }, 1},
+        {"a file system mounted there, the value made", [&] { mount("tmpfs", "t", data), fs::create_directory(data + "/persist"), sm::setKey("/a/b/key", "0"); }, 1},
+        {"written there in place", [&] { write(data + "/persist/aur", "1"); }, 1},
+        {"a file system mounted over the value's directory", [&] { mount("tmpfs", "t", data + "/persist"); }, 1},
+        {"unmounted, the value seen again", [&] { ::umount((data + "/persist").c_str()); }, 1},
+        {"unmounted, the mount point empty", [&] { ::umount(data.c_str()); }, 1},
+        {"a directory bind-mounted there", [&] { write(root + "/disk/persist/aur", "2"), mount(nullptr, root + "/disk", data); }, 1},
+        {"an overlay over the value's directory", [&] {
+             write(root + "/lower/aur", "3"), mount("tmpfs", "t", root + "/ov"), fs::create_directories(root + "/ov/up"), fs::create_directories(root + "/ov/work");
+             mount("overlay", "o", data + "/persist", "lowerdir=" + root + "/lower,upperdir=" + root + "/ov/up,workdir=" + root + "/ov/work");
+         }, 1},
+        {"written through the overlay", [&] { write(data + "/persist/aur", "4"); }, 1},
+        {"a mount elsewhere", [&] { mount("tmpfs", "t", root + "/usb"); }, 0},
+        {"its directory made a link to a slot", [&] { fs::remove_all(store + "/a/b"), write(slots + "/a/key", "a"), ln(slots + "/current", store + "/a/b"), ln("a", slots + "/current"); }, 1},
+        {"the slot link pointed at the other", [&] { write(slots + "/b/key", "b"), ln("b", slots + "/current"); }, 1},
+        {"a relative link with .. behind it", [&] { write(slots + "/shared/key", "s"), ln("../shared/key", slots + "/b/key"); }, 1},
+        {"written there", [&] { write(slots + "/shared/key", "t"); }, 1},
+        {"a directory above it renamed away", [&] { fs::rename(slots, root + "/old"); }, 1},
+        {"and back", [&] { fs::rename(root + "/old", slots); }, 1},
         {"the directory above the store moved away", [&] { fs::rename(root + "/etc/aldrana", root + "/etc/old"); }, 1},
         {"the store made again with the key", [&] { put("/a/b/key", "5"); }, 1},
         {"events lost to a full queue", [&] { overflow(store + "/a/b/other"); }, 1},
@@ -168,9 +208,10 @@ TEST_F(Watch, EveryChangeOfTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes) {
         step.change();
         EXPECT_EQ(changes(), step.calls) << step.what;
     }
-    pollfd ready{watch.get_fd(), POLLIN, 0};  // a change above the store does not even wake it
-    std::ofstream(root + "/etc/other") << "x";
+    pollfd ready{watch.get_fd(), POLLIN, 0};  // a directory that merely lies on the way does not even wake it
+    write(root + "/etc/other", "x");
     EXPECT_EQ(::poll(&ready, 1, 100), 0);
+    for (const auto& at : {data + "/persist", data, root + "/ov", root + "/usb"}) ::umount2(at.c_str(), MNT_DETACH);
 }
 
 }  // namespace

@@ -16,11 +16,13 @@
 #include <ald/path.h>
 
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
-struct inotify_event;
-
 namespace ald {
+namespace detail {
+class MountTable;
+}
 
 extern const path kPrivacySettingKey;  // "/privacy/aur"
 extern const path kAppIdKey;           // "/system/app_id"
@@ -70,9 +72,9 @@ std::string getKeyValue(const std::string& key, const std::string& default_value
 // directory), and each first removes the temporary files that a set killed
 // or cut off by a power loss left there: at most one can wait there for the
 // next set. Missing parent keys (and the store's directory) are created and
-// flushed into their parents. A key that is a symbolic link stays
-// one: the value replaces the file its links lead to, in the same way in
-// that file's directory, so that it persists where the firmware keeps it.
+// flushed into their parents. Links on the key's way stay: the value
+// replaces the file at the end of its way (see resolve()), in the same way
+// in that file's directory, so that it persists where the firmware keeps it.
 // A link to nothing gets its file made, as a shell redirection through it
 // would; no directory is made outside the key's path, so a link into
 // storage that is not mounted fails with ENOENT rather than writing under
@@ -92,30 +94,69 @@ int setKey(const std::string& key, const std::string& value);
 // key is gone, but may come back after a power cut).
 int deleteKey(const std::string& key);
 
-// The files that the symbolic links of `file` lead through, in order: each
-// link's target, made relative to the directory of the link that holds it
-// when it is not absolute; the last one holds the value, whether or not it
-// exists. Empty when `file` is no link. 0, or -1 with errno ELOOP after
-// kMaxLinks links (`hops` then holds those).
-int link_chain(const std::string& file, std::vector<std::string>& hops);
+// The way the kernel takes from "/" to a key's file, one name at a time:
+// each name looked up in the directory reached so far, a symbolic link
+// followed where it is found (the key's file or a directory on the way,
+// relative or absolute, ".." taken from where the link sits, chained), and
+// a file system mounted on the way taken as the kernel takes it. What a
+// set replaces and what the watch follows are both this one way, so that
+// they cannot disagree.
+struct Resolution {
+    enum class Kind {
+        directory,      // a directory that the way goes on through
+        link,           // a symbolic link, followed
+        file,           // the key's file, there (a directory for a directory key)
+        missing,        // nothing there: the way ends
+        not_directory,  // no directory where one is needed: the way ends
+    };
+    struct Step {
+        std::string dir;   // the directory the name is looked up in, free of links
+        std::string name;
+        Kind kind;
+        dev_t dir_dev;     // what `dir` was when it was looked in
+        ino_t dir_ino;
+        dev_t dev;         // what `name` was (the link itself for a link); 0 when missing
+        ino_t ino;
+    };
+    std::vector<Step> steps;
+    // The key's file, free of links, where it is or would be made; when the
+    // way ends early, where it was heading (as far as its links said).
+    std::string file;
+    // 0 when the way reached the key's file or the place for it; otherwise
+    // why not: ENOENT or ENOTDIR (a directory on the way is missing, or is
+    // none), ELOOP (more than kMaxLinks links), or the lookup's error.
+    int error = 0;
 
-// A watch on one key, on inotify.
+    // Whether the key's file is there.
+    bool found() const { return error == 0 && !steps.empty() && steps.back().kind == Kind::file; }
+    // Whether a symbolic link lies on the way.
+    bool linked() const;
+};
+
+// Resolves `key` (a valid key) into `out`; 0, or -1 with errno EINVAL for an
+// invalid key. A way that ends early is no failure here: out.error says why.
+int resolve(const std::string& key, Resolution& out);
+
+// A watch on one key: inotify along the key's way, and the mount table.
 //
-// Every existing directory from "/" down to the key's own directory is
-// watched; in each, only the name that leads to the key counts, so a burst
-// of changes beside the path costs a wake-up and no handler call. When a
-// directory on the path appears, vanishes or is renamed, the watches are
-// placed again along the path, top down, and the key is looked at afresh: a
-// key that exists before or after counts as changed. A key that is a
-// symbolic link is watched where its links lead too: the directory of each
-// file on the way, for that file's name, followed afresh whenever the
-// watches are placed again and after every change of the key, so that a
-// value written through the link or beside its target and renamed there, or
-// the link replaced or removed, calls the handler. A target whose directory
-// is missing is watched for from the nearest directory above it that is
-// there. inotify sees no mounts: storage mounted over a watched directory is
-// seen at the next change of the key's path. Changes of other files in a
-// target's directory wake the descriptor without a handler call.
+// The way (see Resolution) is watched with the least that sees it change:
+// a directory whose next name is a link, is missing or is the key's file,
+// for that name; a directory that merely lies on the way, for its own move
+// or deletion only, so that busy directories (/etc, /tmp) cost no wake-up
+// for their other entries. A name beside the way in a watched directory
+// costs a read and no handler call. inotify sees no mounts: the mount table
+// is watched beside it, by a small thread of the watch's own (the table
+// tells a change to the first poll that looks, and the caller's epoll may
+// look more than once), which signals an event descriptor in the watch's
+// epoll set. After any event on the way, a watched directory gone or moved,
+// a lost event or a change of the mount table, the key is resolved again
+// and the watches placed anew; the handler runs when the key's file was
+// written, created, deleted or replaced, or the way now leads to another
+// file (device and inode, not the path's text, which a mount leaves as it
+// was). A mount elsewhere costs one resolution. Without /proc the watch
+// goes on without mounts and says so once in the log. Writes made straight
+// into an overlay's upper or lower directory, and mounts made in another
+// mount namespace, are not seen.
 class MonitoredKey {
 public:
     using handler_type = bool (*)(const path& key);
@@ -128,53 +169,45 @@ public:
     MonitoredKey(const MonitoredKey&) = delete;
     MonitoredKey& operator=(const MonitoredKey&) = delete;
 
-    // The watch's descriptor (non-blocking, close-on-exec), created on first
-    // use and again after read_notifications() gave it up. No system call is
-    // made while the watch holds one. -1 on failure or after cancel().
+    // The watch's descriptor (an epoll set; non-blocking, close-on-exec),
+    // readable while a notification is pending, created on first use and
+    // again after read_notifications() gave it up. No system call is made
+    // while the watch holds one. -1 with errno on failure (EINVAL for an
+    // invalid key; ENOSPC or EMFILE at the kernel's limits) or after
+    // cancel().
     int get_fd();
 
     // Consumes every pending event and calls the handler once, with the key,
-    // when any of them concerned the key: its value written in place (seen
+    // when any of them concerned the key (a value written in place is seen
     // when the writer closes the file, so the handler never reads half a
-    // write) or renamed into place, the key created or deleted, a directory
-    // of its path moved with the key in it. A lost event (queue overflow)
-    // counts as a change. Returns false only when the descriptor is no
-    // longer usable (it cannot be read, or the watches cannot be placed
-    // again); the handler is then called, since changes may have been lost,
-    // and the watch forgets the descriptor without closing it: the caller
-    // closes it, and the next get_fd() makes a new one. Without a
-    // descriptor, false and no call.
+    // write). A lost event (queue overflow) counts as a change. Returns false
+    // only when the descriptor is no longer usable (it cannot be read, or
+    // the watches cannot be placed again); the handler is then called, since
+    // changes may have been lost, and the watch closes everything it holds
+    // but the descriptor: the caller closes that, and the next get_fd()
+    // makes a new one. Without a descriptor, false and no call.
     bool read_notifications();
 
-    // Ends the watch and closes the descriptor the watch still holds; from
-    // then on get_fd() returns -1. The destructor closes it too.
+    // Ends the watch and closes every descriptor it still holds; from then
+    // on get_fd() returns -1. The destructor does the same.
     void cancel();
 
 private:
-    // One directory on the way to the key and the name in it that leads on
-    // (the key's own name in the key's directory).
-    struct Level {
-        std::string dir;
-        std::string name;
-        int wd;  // its watch on fd_, -1 when the directory is not there
-    };
-
-    void plan(const std::string& key);
-    bool arm();
-    void classify(const inotify_event& ev, bool& concerned, bool& moved) const;
-    bool key_present() const;
-    // Closes the descriptor the watch still owns and drops its watches.
-    void forget();
+    bool open();
+    bool refresh();
+    bool place(const Resolution& way);
+    void read_events(bool& resolve, bool& touched);
+    // Closes what the watch holds besides fd_.
+    void close_inner();
 
     path key_;
     handler_type handler_;
     bool cancelled_ = false;
-    int fd_ = -1;
-    std::vector<Level> levels_;  // top ("/") first
-    std::vector<Level> hops_;    // where the key's links lead, in order
-    std::size_t anchor_ = 0;     // the level of the configuration directory
-    std::string file_;           // the key's file
-    bool present_ = false;       // whether file_ existed when last armed
+    int fd_ = -1;       // the epoll set the caller waits on
+    int inotify_ = -1;
+    detail::MountTable* mounts_ = nullptr;  // none without /proc
+    Resolution way_;                        // as watched
+    std::vector<int> wds_;                  // the watch on each step's directory; -1 none
 };
 
 }  // namespace setMgmt
