@@ -57,10 +57,10 @@ expect 0 "" "" set /chain 1
 [ -L "$store/aur" ] && [ -L "$store/chain" ] && [ "$(cat "$persist/aur")" = 1 ] && [ "$(stat -c %i "$persist/aur")" != "$inode" ] || fail "set /chain"
 expect 0 "" "" set /new x
 [ -L "$store/new" ] && [ "$(cat "$persist/new")" = x ] || fail "set /new"
-expect 1 "" "aldsettings: /unmounted: is a symbolic link to $persist/no/aur, whose directory does not exist" set /unmounted x
-expect 1 "" "aldsettings: /unmounted: is a symbolic link to $persist/no/aur, which does not exist" get /unmounted
+expect 1 "" "aldsettings: /unmounted: leads through symbolic links to $persist/no/aur, whose directory does not exist" set /unmounted x
+expect 1 "" "aldsettings: /unmounted: leads through symbolic links to $persist/no/aur, which does not exist" get /unmounted
 expect 1 "" "aldsettings: /loop: its symbolic links loop, so it reads as no value" get /loop
-expect 1 "" "aldsettings: /zero: is a symbolic link to /dev/zero, which is not a regular file, so it reads as no value" get /zero
+expect 1 "" "aldsettings: /zero: leads through symbolic links to /dev/zero, which is not a regular file, so it reads as no value" get /zero
 expect 1 "" "aldsettings: /fifo: is not a regular file, so it reads as no value" get /fifo
 expect 1 "" "aldsettings: /big: holds more than 16 MiB, so it reads as no value" get /big
 long=$(head -c 4100 /dev/zero | tr '\0' k)
@@ -72,9 +72,19 @@ expect 0 "" "" set /stdin - <"$ALD_ROOT/value"  # beyond what one argument can h
 [ "$("$tool" get /stdin | cmp - "$ALD_ROOT/value" && echo same)" = same ] || fail "set /stdin -"
 "$tool" get /stdin >/dev/full 2>/dev/null; [ $? = 1 ] || fail "get onto a full device did not fail"
 head -c 16777217 /dev/zero | expect 2 "" "aldsettings: /big: the value is longer than 16 MiB" set /big -
+# watch: a line now and one after each change, each reaching the file at
+# once; SIGTERM ends it with 0. A watch it cannot make (7 descriptors leave
+# the watch short of its fourth): 1.
+lines() { t=50; until [ "$(wc -l <"$ALD_ROOT/watched")" -ge "$1" ]; do [ $((t -= 1)) != 0 ] && sleep 0.1 || return; done; }
+"$tool" watch /w >"$ALD_ROOT/watched" & watcher=$!
+lines 1 && "$tool" set /w "a${nl}b\\c" && lines 2 && kill -TERM $watcher && wait $watcher
+[ $? = 0 ] && [ "$(cat "$ALD_ROOT/watched")" = "no value: no such key${nl}value a\\nb\\\\c" ] || fail "watch: $(cat "$ALD_ROOT/watched")"
+kill $watcher 2>/dev/null
+(exec 2>"$ALD_ROOT/err" && ulimit -n 7 && exec "$tool" watch /w)
+[ $? = 1 ] && [ "$(cat "$ALD_ROOT/err")" = "aldsettings: /w: cannot watch: Too many open files" ] || fail "watch: $(cat "$ALD_ROOT/err")"
 expect 2 "" "aldsettings: missing command (usage: *)"
 expect 2 "" "aldsettings: unknown command \"put\" (usage: *)" put /a x
 expect 2 "" "aldsettings: missing operands (usage: *)" set /a
 expect 2 "" "aldsettings: too many operands (usage: *)" get /a /b
-expect 0 "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY$nl*" "" --help
+expect 0 "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY | watch KEY$nl*" "" --help
 exit $((failures > 0))

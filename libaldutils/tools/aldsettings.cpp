@@ -4,9 +4,13 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <string>
+#include <sys/signalfd.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -15,7 +19,8 @@ constexpr int kOk = 0;
 constexpr int kFailed = 1;  // missing key, wrong kind of key, store not readable or writable
 constexpr int kUsage = 2;   // bad usage, invalid key
 
-const char kUsageLine[] = "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY";
+const char kUsageLine[] =
+    "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY | watch KEY";
 
 const char kHelp[] =
     "\n"
@@ -25,6 +30,9 @@ const char kHelp[] =
     "  set KEY -      store standard input, less one trailing newline (at most 16 MiB)\n"
     "  del KEY        remove the key, and every key under it\n"
     "  list KEY       print the names of the key's subkeys, one a line, in byte order\n"
+    "  watch KEY      print \"value \" and the value (newlines as \\\\n, backslashes\n"
+    "                 doubled), or \"no value: \" and why, now and after each change\n"
+    "                 of the key, as the daemon sees it, until SIGINT or SIGTERM\n"
     "\n"
     "A KEY starts with \"/\" and has no empty, \".\" or \"..\" component, no control\n"
     "character, at most 255 bytes a component and 4096 in all; \"/\" is the\n"
@@ -35,7 +43,8 @@ const char kHelp[] =
     "Exit status:\n"
     "  0  success\n"
     "  1  the key is missing, is of the wrong kind (get or set of a directory key,\n"
-    "     list of a value key), or the store could not be read or changed\n"
+    "     list of a value key), the store could not be read or changed, or the\n"
+    "     key could not be watched\n"
     "  2  bad usage, an invalid key, a value over 16 MiB, or del of the root \"/\"\n";
 
 int fail(int status, const std::string& key, const std::string& what) {
@@ -57,31 +66,32 @@ int finish() {
     return kFailed;
 }
 
-// Where the key's symbolic links lead, or "" when it is no link.
+// Where the symbolic links on the way to the key lead, or "" when there is
+// no link on it.
 std::string link_target(const std::string& key) {
-    std::vector<std::string> hops;
-    ald::setMgmt::link_chain(ald::setMgmt::store_directory() + key, hops);
-    return hops.empty() ? "" : hops.back();
+    ald::setMgmt::Resolution way;
+    if (ald::setMgmt::resolve(key, way) != 0 || !way.linked()) return "";
+    return way.file;
+}
+
+// Why getKey failed with `err`, as a reader of the store sees it.
+std::string no_value(const std::string& key, int err) {
+    if (err == ELOOP) return "its symbolic links loop, so it reads as no value";
+    const char* why = err == ENOENT || err == ENOTDIR ? "does not exist"
+                      : err == EISDIR                 ? "is a directory key, so it has no value"
+                      : err == EINVAL                 ? "is not a regular file, so it reads as no value"
+                      : err == EFBIG                  ? "holds more than 16 MiB, so it reads as no value"
+                                                      : nullptr;
+    // A link says where it leads, since that is where to look.
+    const std::string target = link_target(key);
+    if (!why) return std::string("cannot read: ") + std::strerror(err);
+    if (!target.empty()) return "leads through symbolic links to " + target + ", which " + why;
+    return err == ENOENT || err == ENOTDIR ? "no such key" : why;
 }
 
 int get(const std::string& key) {
     std::string value;
-    if (ald::setMgmt::getKey(key, value) != 0) {
-        // What a reader of the store takes for a missing key, and why; a
-        // link says where it leads, since that is where to look.
-        const int err = errno;
-        const std::string target = link_target(key);
-        const char* why = err == ENOENT || err == ENOTDIR ? "does not exist"
-                          : err == EISDIR                 ? "is a directory key, so it has no value"
-                          : err == EINVAL                 ? "is not a regular file, so it reads as no value"
-                          : err == EFBIG                  ? "holds more than 16 MiB, so it reads as no value"
-                                                          : nullptr;
-        errno = err;
-        if (err == ELOOP) return fail(kFailed, key, "its symbolic links loop, so it reads as no value");
-        if (!why) return fail(kFailed, key, because("cannot read"));
-        if (!target.empty()) return fail(kFailed, key, "is a symbolic link to " + target + ", which " + why);
-        return fail(kFailed, key, err == ENOENT || err == ENOTDIR ? "no such key" : why);
-    }
+    if (ald::setMgmt::getKey(key, value) != 0) return fail(kFailed, key, no_value(key, errno));
     value += '\n';
     std::fwrite(value.data(), 1, value.size(), stdout);
     return finish();
@@ -97,7 +107,7 @@ int set(const std::string& key, const std::string& value) {
     // A link into storage that is not there (not mounted?).
     const std::string target = link_target(key);
     if (err == ENOENT && !target.empty())
-        return fail(kFailed, key, "is a symbolic link to " + target + ", whose directory does not exist");
+        return fail(kFailed, key, "leads through symbolic links to " + target + ", whose directory does not exist");
     errno = err;
     return fail(kFailed, key, because("cannot set"));
 }
@@ -122,6 +132,52 @@ int list(const std::string& key) {
     }
     for (const auto& name : names) std::printf("%s\n", name.c_str());
     return finish();
+}
+
+// The key being watched, for the handler, which gets only its path.
+std::string g_watched;
+bool g_output_failed = false;
+
+// One line: "value " and the value with backslashes and newlines escaped,
+// or "no value: " and why. Flushed at once, for a pipe.
+bool show(const ald::path&) {
+    std::string value, line;
+    if (ald::setMgmt::getKey(g_watched, value) == 0) {
+        line = "value ";
+        for (char c : value) line += c == '\n' ? "\\n" : c == '\\' ? "\\\\" : std::string(1, c);
+    } else {
+        line = "no value: " + no_value(g_watched, errno);
+    }
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    g_output_failed = g_output_failed || finish() != kOk;
+    return true;
+}
+
+// The value now and after each change, through the library's watch, until
+// SIGINT or SIGTERM.
+int watch(const std::string& key) {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    const int signals = sigprocmask(SIG_BLOCK, &stop, nullptr) == 0 ? signalfd(-1, &stop, SFD_CLOEXEC) : -1;
+    if (signals < 0) return fail(kFailed, key, because("cannot take signals"));
+    g_watched = key;
+    ald::setMgmt::MonitoredKey watched(ald::path(key), show, 0, false);
+    int fd = watched.get_fd();
+    if (fd >= 0) show(ald::path(key));
+    while (fd >= 0 && !g_output_failed) {
+        pollfd ready[2] = {{signals, POLLIN, 0}, {fd, POLLIN, 0}};
+        if (poll(ready, 2, -1) < 0 && errno != EINTR) break;
+        if (ready[0].revents != 0) return kOk;
+        if (ready[1].revents != 0 && !watched.read_notifications()) {
+            close(fd);
+            fd = watched.get_fd();
+        }
+    }
+    if (g_output_failed) return kFailed;
+    return fail(kFailed, key, because("cannot watch"));
 }
 
 // Why the store cannot keep `key`, or nullptr. A control character would
@@ -169,7 +225,7 @@ int main(int argc, char** argv) {
         return finish();
     }
     const int operands = command == "set" ? 2 : 1;
-    if (command != "get" && command != "set" && command != "del" && command != "list")
+    if (command != "get" && command != "set" && command != "del" && command != "list" && command != "watch")
         return usage("unknown command \"" + command + "\"");
     if (argc != 2 + operands) return usage(std::string(argc < 2 + operands ? "missing" : "too many") + " operands");
     const std::string key = argv[2];
@@ -178,5 +234,6 @@ int main(int argc, char** argv) {
     if (command == "set" && std::strcmp(argv[3], "-") == 0) return set_from_stdin(key);
     if (command == "set") return set(key, argv[3]);
     if (command == "del") return del(key);
+    if (command == "watch") return watch(key);
     return list(key);
 }
