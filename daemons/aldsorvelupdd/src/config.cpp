@@ -79,7 +79,7 @@ std::string get_redirection_file() {
 
 bool update_aur_config(const ald::path& key) {
     const int value = ald::setMgmt::getKeyValue(path_string(key), 1);
-    if (value == last_aur_enabled) return true;
+    if (value == last_aur_enabled && !aur_write_owed) return true;
 
     kill_and_wait_sorvelupd();
     status_update_begun(kAurKey);
@@ -95,8 +95,9 @@ bool update_aur_config(const ald::path& key) {
     }
     // A write that failed at the directory's flush has replaced the file
     // all the same: what it holds is not known, and the next notification
-    // writes, whatever its value.
-    last_aur_enabled = written ? value : -1;
+    // writes, whatever its value (-1 too, which the switch itself can hold).
+    if (written) last_aur_enabled = value;
+    aur_write_owed = !written;
     return written;
 }
 

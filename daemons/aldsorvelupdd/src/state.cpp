@@ -33,3 +33,4 @@ int epoll_fd = 0;
 int signal_fd = 0;
 int lan_pipe[2] = {0, 0};
 int last_aur_enabled = -1;
+bool aur_write_owed = false;

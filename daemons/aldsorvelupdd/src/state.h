@@ -20,6 +20,7 @@ extern int epoll_fd;
 extern int signal_fd;                            // reports SIGCHLD
 extern int lan_pipe[2];                          // wakes the loop after a LAN change
 extern int last_aur_enabled;                     // last value written as aur_enabled; -1 none
+extern bool aur_write_owed;                      // a write of aur_enabled failed: write the next value, whatever it is
 
 // The configuration directory, as the platform prints it for the writable
 // configuration (updater.conf lives there, and so do its temporary copies).

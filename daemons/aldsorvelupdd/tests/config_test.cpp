@@ -88,13 +88,13 @@ TEST_F(Config, AurEnabledIsFalseOnlyForZeroAndRewrittenOnlyWhenTheValueChanged) 
     }
 
     // After a failed write the next value is written: the same one after no
-    // file or a failed rename, and the last one written before, switched
-    // back to, after a failed flush of the directory, which left the file
-    // replaced all the same.
+    // file or a failed rename (-1 too, a value the switch can hold), and the
+    // last one written before, switched back to, after a failed flush of the
+    // directory, which left the file replaced all the same.
     const struct {
         const char *value, *call, *then;
         int nth;
-    } failures[] = {{"0\n", nullptr, "0\n", 0}, {"1\n", "rename", "1\n", 1}, {"0\n", "_ZNK3ald4path4syncEv", "1\n", 2}};
+    } failures[] = {{"0\n", nullptr, "0\n", 0}, {"-1\n", "rename", "-1\n", 1}, {"0\n", "_ZNK3ald4path4syncEv", "-1\n", 2}};
     for (const auto& f : failures) {
         put("settings/privacy/aur", f.value);
         f.call ? fail_call(f.call, f.nth) : void(fs::remove(etc + "/updater.conf"));

@@ -184,6 +184,7 @@ void DaemonTest::TearDown() {
     stop_requested = false;
     lan_interfaces.clear();
     last_aur_enabled = -1;
+    aur_write_owed = false;
     lan_callback = nullptr;
 }
 
