@@ -27,6 +27,7 @@ void print_common_path(std::ostream& out, common_path which) {
     case common_path::runtime: dir = "/var/run/aldrana"; break;
     case common_path::data: dir = "/var/lib/aldrana"; break;
     case common_path::config: dir = "/etc/aldrana"; break;
+    case common_path::system_runtime: dir = "/var/run"; break;
     }
     if (!dir) return;
     out << root_prefix() << dir;

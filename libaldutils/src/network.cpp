@@ -19,6 +19,7 @@
 #include <new>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,6 +34,26 @@ using Callback = std::shared_ptr<const lan_change_callback>;
 // Room for one read of a link dump: the kernel sizes its dump buffers by
 // the reader's buffer and caps them at 32 KiB.
 constexpr std::size_t kReceiveBuffer = 32768;
+
+// A receive buffer mapped for one read loop and unmapped after it: on a
+// stack its pages, once written, would stay the daemon's (and a thread's)
+// for good, and the heap keeps them too.
+class ReceiveBuffer {
+public:
+    ReceiveBuffer() {
+        void* p = ::mmap(nullptr, kReceiveBuffer, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        data_ = p == MAP_FAILED ? nullptr : static_cast<char*>(p);
+    }
+    ~ReceiveBuffer() {
+        if (data_) ::munmap(data_, kReceiveBuffer);
+    }
+    ReceiveBuffer(const ReceiveBuffer&) = delete;
+    ReceiveBuffer& operator=(const ReceiveBuffer&) = delete;
+    char* data() const { return data_; }
+
+private:
+    char* data_;
+};
 // A dump that the kernel marks as interrupted by a concurrent change is
 // taken again, but not forever while links keep changing.
 constexpr int kDumpAttempts = 5;
@@ -168,12 +189,14 @@ int dump_once(const Patterns& patterns, std::vector<Interface>& out) {
     ifi->ifi_family = AF_UNSPEC;
 
     int result = -1;
-    if (mnl_socket_sendto(nl, nlh, nlh->nlmsg_len) >= 0) {
-        alignas(nlmsghdr) char buf[kReceiveBuffer];
+    const ReceiveBuffer buffer;
+    char* const buf = buffer.data();
+    if (!buf) errno = ENOMEM;
+    if (buf && mnl_socket_sendto(nl, nlh, nlh->nlmsg_len) >= 0) {
         DumpScan scan{&patterns, &out};
         unsigned portid = mnl_socket_get_portid(nl);
         for (;;) {
-            ssize_t n = mnl_socket_recvfrom(nl, buf, sizeof buf);
+            ssize_t n = mnl_socket_recvfrom(nl, buf, kReceiveBuffer);
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) break;
             int run = mnl_cb_run(buf, static_cast<size_t>(n), kDumpSeq, portid, on_dump_link, &scan);
@@ -230,10 +253,12 @@ int on_event(const nlmsghdr* nlh, void* data) {
 // LAN list, or when the kernel dropped some (ENOBUFS): only a dump can tell
 // what those said.
 bool read_events(Monitor* m) {
-    alignas(nlmsghdr) char buf[kReceiveBuffer];
+    const ReceiveBuffer buffer;
+    char* const buf = buffer.data();
+    if (!buf) return true;  // what was queued stays, and a dump tells the rest
     EventScan scan{m, false};
     for (;;) {
-        ssize_t n = mnl_socket_recvfrom(m->events, buf, sizeof buf);
+        ssize_t n = mnl_socket_recvfrom(m->events, buf, kReceiveBuffer);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno == ENOBUFS) {
             scan.changed = true;  // read the rest too, so that one dump covers all

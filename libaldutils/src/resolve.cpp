@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,9 +62,11 @@ int resolve(const std::string& key, Resolution& out) {
     std::vector<std::string> pending;
     push_names(start, pending);
     if (start[0] != '/') {
-        char cwd[PATH_MAX];
-        if (!::getcwd(cwd, sizeof cwd)) return ended(out, errno, at, pending);
+        // On the heap: a daemon keeps every stack page it once touched.
+        char* cwd = ::getcwd(nullptr, 0);
+        if (!cwd) return ended(out, errno, at, pending);
         at = cwd;
+        std::free(cwd);
     }
     struct stat here;
     if (::stat(at.c_str(), &here) != 0) return ended(out, errno, at, pending);
@@ -94,11 +97,16 @@ int resolve(const std::string& key, Resolution& out) {
         if (S_ISLNK(st.st_mode)) {
             step.kind = Resolution::Kind::link;
             out.steps.push_back(std::move(step));
-            // The kernel keeps link targets shorter than PATH_MAX: none is cut.
-            char target[PATH_MAX];
-            const ssize_t n = ::readlink(path.c_str(), target, sizeof target);
+            // The kernel keeps link targets shorter than PATH_MAX: none is
+            // cut. Read into the heap, as a short one first.
+            std::string text(256, '\0');
+            ssize_t n = ::readlink(path.c_str(), &text[0], text.size());
+            if (n == static_cast<ssize_t>(text.size())) {
+                text.resize(PATH_MAX);
+                n = ::readlink(path.c_str(), &text[0], text.size());
+            }
             if (++links > kMaxLinks || n <= 0) return ended(out, n < 0 ? errno : n == 0 ? ENOENT : ELOOP, path, pending);
-            const std::string text(target, static_cast<std::size_t>(n));
+            text.resize(static_cast<std::size_t>(n));
             push_names(text, pending);
             if (text[0] == '/') {
                 at = "/";

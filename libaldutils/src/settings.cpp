@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The settings store: one file per key, replaced by rename.
+#include <ald/replace.h>
 #include <ald/settings.h>
+
+#include "files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -79,29 +82,6 @@ bool parse_int(const std::string& text, int& out) {
     return true;
 }
 
-bool write_all(int fd, const std::string& text) {
-    const char* p = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        ssize_t n = ::write(fd, p, left);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        p += n;
-        left -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-// Removes the temporary file of a failed write; errno stays the failure's.
-int discard(const path& temp) {
-    int err = errno;
-    temp.unlink();
-    errno = err;
-    return -1;
-}
-
 // Opens a directory for readdir; the stream owns the descriptor.
 DIR* open_directory(int dirfd, const char* name, int flags) {
     int fd = ::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
@@ -142,36 +122,11 @@ int remove_tree(int dirfd, const char* name) {
 // clearing up after an interrupted set never touches another's file.
 constexpr char kTempPrefix[] = ".set-";
 
-// fsync, where the file system has it: one that cannot flush at all
-// (EINVAL) has nothing to wait for.
-bool flushed(int fd) { return ::fsync(fd) == 0 || errno == EINVAL; }
-
 int lock(int fd) {
     int result;
     while ((result = ::flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
     }
     return result;
-}
-
-// Puts `text` in `file` for good: a temporary file beside it, flushed, then
-// renamed over it, then its directory `dir_fd` flushed, so that a set that
-// returned 0 survives a power cut, and one cut short leaves the old value.
-int replace(const std::string& dir, int dir_fd, const std::string& file, const std::string& text) {
-    path temp;
-    if (!path(dir).temp_file(temp, kTempPrefix)) return -1;
-    // temp_file made the name with O_EXCL; O_NOFOLLOW keeps a link put in its
-    // place since then from redirecting the write.
-    int fd = ::open(temp.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return discard(temp);
-    bool ok = write_all(fd, text) && flushed(fd);
-    int err = errno;
-    if (::close(fd) != 0 && ok) {
-        ok = false;
-        err = errno;
-    }
-    errno = err;
-    if (!ok || ::rename(temp.c_str(), file.c_str()) != 0) return discard(temp);
-    return flushed(dir_fd) ? 0 : -1;
 }
 
 }  // namespace
@@ -230,12 +185,16 @@ int getKey(const std::string& key, std::string& value) {
               : !S_ISREG(st.st_mode)   ? EINVAL
               : st.st_size > static_cast<off_t>(kMaxValueSize) ? EFBIG
                                        : 0;
+    // Read straight into the value, not through a buffer on the stack: a
+    // daemon keeps every stack page it once touched.
     std::string text;
-    char buf[4096];
-    for (ssize_t n = 1; err == 0 && n != 0;) {
-        n = ::read(fd, buf, sizeof buf);
+    std::size_t chunk = err == 0 && st.st_size > 0 ? static_cast<std::size_t>(st.st_size) + 1 : 256;
+    for (ssize_t n = 1; err == 0 && n != 0; chunk = 4096) {
+        const std::size_t had = text.size();
+        text.resize(had + chunk);
+        n = ::read(fd, &text[had], chunk);
+        text.resize(had + static_cast<std::size_t>(n > 0 ? n : 0));
         if (n < 0 && errno != EINTR) err = errno;
-        if (n > 0) text.append(buf, static_cast<std::size_t>(n));
         if (text.size() > kMaxValueSize) err = EFBIG;
     }
     if (err != 0) {
@@ -295,6 +254,12 @@ int setKey(const std::string& key, const std::string& value) {
         errno = EISDIR;
         return -1;
     }
+    // Such a file would be taken for an interrupted set's and removed: it is
+    // refused before anything is made.
+    if (key.compare(key.rfind('/') + 1, sizeof kTempPrefix - 1, kTempPrefix) == 0) {
+        errno = EINVAL;
+        return -1;
+    }
     if (make_directories(directory_of(key_file(key))) != 0) return -1;
     // Renaming over a link would replace it: the value goes where the way
     // to the key leads, links on it followed, as a reader's open goes.
@@ -304,10 +269,9 @@ int setKey(const std::string& key, const std::string& value) {
         errno = way.error;
         return -1;
     }
-    const std::string& file = way.file;
-    const std::string dir = directory_of(file);
-    // Such a file would be taken for an interrupted set's and removed.
-    if (file.compare(dir.size() + (dir.size() > 1), sizeof kTempPrefix - 1, kTempPrefix) == 0) {
+    const std::string dir = directory_of(way.file);
+    const std::string name = way.file.substr(way.file.rfind('/') + 1);
+    if (name.compare(0, sizeof kTempPrefix - 1, kTempPrefix) == 0) {
         errno = EINVAL;
         return -1;
     }
@@ -317,13 +281,17 @@ int setKey(const std::string& key, const std::string& value) {
     // under the lock is one that a set killed or cut off by a power loss
     // left behind, never one under way: each set removes those first, and
     // no more than one can pile up in a directory. Without locks (a file
-    // system that has none) nothing is removed.
-    if (lock(dir_fd) == 0) path(dir).remove_temp_files(kTempPrefix);
-    const int result = replace(dir, dir_fd, file, value + '\n');
-    const int err = errno;
+    // system that has none) nothing is removed. All of it happens in the
+    // directory locked, whatever its path leads to meanwhile.
+    if (lock(dir_fd) == 0) detail::remove_temp_files(dir_fd, kTempPrefix);
+    const std::string text = value + '\n';
+    replace_options options;
+    options.prefix = kTempPrefix;
+    options.keep_mode = true;
+    const replace_result done = replace_file_at(dir_fd, path(dir), name, text, options);
     ::close(dir_fd);
-    errno = err;
-    return result;
+    errno = done.error;
+    return done ? 0 : -1;
 }
 
 int deleteKey(const std::string& key) {

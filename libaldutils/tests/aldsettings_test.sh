@@ -38,7 +38,8 @@ expect 1 "" "aldsettings: /a/b: is a value key, it has no subkeys" list /a/b
 expect 1 "" "aldsettings: /a/b/c: a parent key holds a value" set /a/b/c x
 expect 1 "" "aldsettings: /a: is a directory key, it cannot hold a value" set /a x
 ! ls -A "$store" | grep -q '^\.set-' || fail "set /a x left its temporary file"
-expect 2 "" "aldsettings: /a/.set-a1b2c3d4: names starting with \".set-\" are the store's temporary files" set /a/.set-a1b2c3d4 x
+expect 2 "" "aldsettings: /n/.set-a1b2c3d4: names starting with \".set-\" are the store's temporary files" set /n/.set-a1b2c3d4 x
+[ ! -e "$store/n" ] || fail "a refused set made its parent key"
 ln -s "$persist" "$store/a/persisted" || exit 1
 expect 0 "aur" "" list /a/persisted  # a link to a directory is a directory key
 expect 0 "" "" del /a

@@ -4,6 +4,7 @@
 // daemon's tests). The line buffer is the log test's.
 #include <ald/error.h>
 #include <ald/path.h>
+#include <ald/replace.h>
 
 #include <gtest/gtest.h>
 
@@ -75,6 +76,52 @@ TEST(Path, OnlyTheTemporaryFilesOfAPrefixAreRemoved) {
     for (const auto& name : names) EXPECT_NE(fs::exists(dir + "/" + name.first), name.second) << name.first;
     EXPECT_TRUE(fs::is_symlink(dir + "/.tmp-link0000"));
     EXPECT_FALSE(fs::exists(made.c_str()));
+}
+
+// A replacement on the real file system: the new file readable by nobody
+// more than the result while it is written; a failed step leaves the old
+// file and no temporary one. (Modes kept by a set: settings_test.)
+TEST(Replace, TheNewFileIsMode0600UntilFilledAndAFailedStepLeavesTheOldFileAlone) {
+    const std::string root = std::string(std::getenv("ALD_ROOT")) + "/replace", file = root + "/f";
+    fs::remove_all(root);
+    fs::create_directories(root);
+    std::ofstream(file) << "old";
+    fs::permissions(file, fs::perms(0600));
+    mode_t written = 0;
+    const auto fill = [&written](int fd, const char*) {
+        struct stat st;
+        written = ::fstat(fd, &st) == 0 ? st.st_mode & 07777 : 0;
+        return ::write(fd, "new", 3) == 3;
+    };
+    const mode_t umask = ::umask(027);
+    EXPECT_TRUE(ald::replace_file(ald::path(root), "f", fill));
+    ::umask(umask);
+    EXPECT_EQ(written, 0600u);
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0640)) << "0644 less the umask";
+    const struct {
+        const char* what;
+        std::string dir, name;
+        bool fills;
+        ald::replace_step step;
+        int err;
+    } failures[] = {
+        {"the writer fails", root, "f", false, ald::replace_step::fill, EIO},
+        {"a directory in the way", root, "d", true, ald::replace_step::rename, EISDIR},
+        {"no directory", root + "/none", "f", true, ald::replace_step::temporary, ENOENT},
+    };
+    fs::create_directories(root + "/d/x");
+    for (const auto& f : failures) {
+        const ald::replace_result r = ald::replace_file(ald::path(f.dir), f.name, [&f](int fd, const char*) {
+            errno = EIO;
+            return f.fills && ::write(fd, "x", 1) == 1;
+        });
+        EXPECT_EQ(r.failed, f.step) << f.what;
+        EXPECT_EQ(r.error, f.err) << f.what;
+        EXPECT_EQ(std::distance(fs::directory_iterator(root), {}), 2) << f.what << ": a temporary file was left";
+        std::string text;
+        std::getline(std::ifstream(file), text);
+        EXPECT_EQ(text, "new") << f.what;
+    }
 }
 
 TEST(ErrorStorage, KeepsCodeAndMessageUpTo255CharactersForItsThreadOnly) {

@@ -11,6 +11,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <functional>
+#include <tuple>
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
@@ -94,6 +95,37 @@ TEST_F(Store, ASetRemovesWhatAnInterruptedSetLeftAndConcurrentSetsAllSucceed) {
         EXPECT_EQ(status, 0) << WEXITSTATUS(status) << " sets failed";
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(store + "/d"), {}), 1);
+}
+
+// A value kept private stays so: a set gives the new file the mode and owner
+// of the one it replaces, through links too, also when it may not give the
+// owner (it then keeps the mode, silently); a new key gets 0644 less the
+// umask.
+TEST_F(Store, ASetKeepsTheModeAndOwnerOfWhatItReplaces) {
+    if (::geteuid() != 0) GTEST_SKIP() << "owners can be given by root only";
+    const std::string persist = root + "/persist";
+    fs::create_directories(persist);
+    put("/private", "1"), fs::permissions(store + "/private", fs::perms(0600)), ::chown((store + "/private").c_str(), 1234, 1234);
+    std::ofstream(persist + "/v") << "1", fs::permissions(persist + "/v", fs::perms(0640)), ::chown((persist + "/v").c_str(), 1234, 5678);
+    fs::create_symlink(persist + "/v", store + "/linked");
+    fs::create_directories(store + "/nobody"), ::chown((store + "/nobody").c_str(), 65534, 65534);
+    put("/nobody/k", "1"), fs::permissions(store + "/nobody/k", fs::perms(0600));
+    const struct {
+        const char *key, *file;
+        bool as_nobody;
+        unsigned mode, uid, gid;
+    } sets[] = {{"/private", "/private", false, 0600, 1234, 1234}, {"/linked", "/../../../persist/v", false, 0640, 1234, 5678},
+                {"/new", "/new", false, 0640, 0, 0}, {"/nobody/k", "/nobody/k", true, 0600, 65534, 65534}};
+    for (const auto& set : sets) {
+        const int status = in_child([&set] {
+            ::umask(027);
+            return (!set.as_nobody || (::setgid(65534) == 0 && ::setuid(65534) == 0)) && sm::setKey(set.key, "2") == 0 ? 0 : 1;
+        }).status;
+        struct stat st {};
+        ::stat((store + set.file).c_str(), &st);
+        EXPECT_EQ(status, 0) << set.key;
+        EXPECT_EQ(std::make_tuple(st.st_mode & 07777, st.st_uid, st.st_gid), std::make_tuple(set.mode, set.uid, set.gid)) << set.key;
+    }
 }
 
 // A daemon is a session leader without a terminal: a terminal that a key

@@ -70,6 +70,7 @@ enum class common_path : int {
     runtime = 0,  // $ALD_ROOT/var/run/aldrana: sockets, pid files
     data = 1,     // $ALD_ROOT/var/lib/aldrana: persistent state
     config = 2,   // $ALD_ROOT/etc/aldrana: writable configuration, the settings store
+    system_runtime = 3,  // $ALD_ROOT/var/run: the system's, shared: status files others read
 };
 
 // The text of $ALD_ROOT without trailing slashes; empty for the real root.
