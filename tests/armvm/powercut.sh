@@ -75,7 +75,7 @@ while [ $i -lt "${ALD_POWER_CUTS:-$ALD_POWER_CUTS_DEFAULT}" ]; do
     check "power cut $i: the daemon starts the updater again" 100 starts_reach $((started + 1))
 done
 started=$(count) && ALD_ROOT=/persist aldsettings set /privacy/aur 7 && settle $((started + 1))
-check "no temporary file left after a start and a set" 1 eval '[ -z "$(find $etc -name ".tmp-*" -o -name ".set-*")" ]'
+check "no temporary file left after a start and a set" 1 eval '[ -z "$(find $etc -name ".aldsorvelupdd-*" -o -name ".set-*")" ]'
 copies=$(sed -n 's/.*removed \([0-9]*\) temporary files.*/\1/p' /run/persist.log | awk '{s += $1} END {print s + 0}')
 echo "armvm: power cuts: $i, broken afterwards: $torn; temporary files removed: $copies of the daemon's, $sets of sets"
 killall aldsorvelupdd

@@ -89,7 +89,7 @@ scenario_crash() {
         pkill -KILL -f "^/bin/sh /opt/aldrana/sorvel/sorvelupd"
         [ "$(jq '.history | length' "$SB_CONF" 2>/dev/null)" = 16000 ] ||
             { torn=$((torn + 1)); fail "kill $i: updater.conf torn: $(head -c 200 "$SB_CONF")"; }
-        left=$((left + $(find "$SB_ETC" -maxdepth 1 -name '.tmp-*' -delete -print | wc -l)))
+        left=$((left + $(find "$SB_ETC" -maxdepth 1 -name '.aldsorvelupdd-*' -delete -print | wc -l)))
     done
     echo "crash: $kills kills, $torn torn files, $left temporary files left behind"
 }

@@ -7,8 +7,11 @@
 #include "supervision.h"
 
 #include <ald/error.h>
+#include <ald/memstream.h>
+#include <ald/replace.h>
 #include <ald/settings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -23,34 +26,55 @@ constexpr char kOutputFileName[] = "sorvelupd.out_err.log";
 
 }  // namespace
 
+ald::path config_directory() {
+    ald::path path;
+    ald::memstream dir;
+    ald::detail::print_common_path(dir, static_cast<ald::common_path>(2));
+    path.add_piece(true, dir.terminated_view());
+    return path;
+}
+
 bool write_config(const json_ptr& document) {
     static const ald::path directory = config_directory();
 
-    ald::path temp;
-    if (!directory.temp_file(temp)) return false;
     // The copy is flushed before the rename and the directory after it: on
     // flash the rename can reach the storage before the data it names, and
     // a power cut then leaves an empty updater.conf, on which no updater
     // starts again. A failed flush is a failed write, and one after the
     // rename too, since that file may not survive a cut: it is written
     // again at the next chance.
-    if (json_dump_file(document.get(), temp.c_str(), JSON_INDENT(4)) == -1 || temp.sync() == -1) {
+    ald::replace_options options;
+    options.prefix = kTempPrefix;
+    const ald::replace_result done = ald::replace_file(directory, "updater.conf", [&document](int, const char* temp) {
+        return json_dump_file(document.get(), temp, JSON_INDENT(4)) == 0;
+    }, options);
+    switch (done.failed) {
+    case ald::replace_step::none:
+        status_written(document);
+        return true;
+    case ald::replace_step::temporary:
+        break;
+    case ald::replace_step::fill:
+    case ald::replace_step::flush:
         ALD_LOG(error, "failed to dump new config");
-        temp.unlink();
-        return false;
+        break;
+    case ald::replace_step::rename:
+        ALD_LOG(error, "failed to rename %s to %s (errno = %d)", done.temp.c_str(), config_path.c_str(), done.error);
+        break;
+    case ald::replace_step::flush_directory:
+        ALD_LOG(error, "failed to flush %s (errno = %d)", directory.c_str(), done.error);
+        break;
     }
-    if (std::rename(temp.c_str(), config_path.c_str()) == -1 || directory.sync() == -1) {
-        ALD_LOG(error, "failed to rename %s to %s (errno = %d)", temp.c_str(), config_path.c_str(), errno);
-        temp.unlink();
-        return false;
-    }
-    status_written(document);
-    return true;
+    return false;
 }
 
 void remove_stale_copies() {
-    const int removed = config_directory().remove_temp_files(ald::kTempFilePrefix);
-    if (removed > 0) ALD_LOG(info, "removed %d temporary files left beside updater.conf", removed);
+    ald::memstream run;
+    ald::detail::print_common_path(run, ald::common_path::system_runtime);
+    const ald::path directories[] = {config_directory(), ald::path(run.terminated_view())};
+    int removed = 0;
+    for (const ald::path& dir : directories) removed += std::max(dir.remove_temp_files(kTempPrefix), 0);
+    if (removed > 0) ALD_LOG(info, "removed %d temporary files left by an earlier daemon", removed);
 }
 
 std::string get_redirection_file() {

@@ -1,36 +1,32 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 // updater.conf: loading, atomic replacement, var_path, and the daemon's keys.
+#include "json_ptr.h"
+
 #include <ald/path.h>
 
-#include <jansson.h>
 #include <string>
 
-// Owns exactly one reference to a JSON value, released with json_decref on
-// every way out of its scope. Never copied.
-class json_ptr {
-public:
-    explicit json_ptr(json_t* value) noexcept : value_(value) {}
-    ~json_ptr() { json_decref(value_); }
-    json_ptr(const json_ptr&) = delete;
-    json_ptr& operator=(const json_ptr&) = delete;
+// What the daemon's temporary copies of updater.conf and of its status file
+// are named with, before eight random characters: its own, so that it
+// removes its own stale copies and nobody else's.
+constexpr char kTempPrefix[] = ".aldsorvelupdd-";
 
-    json_t* get() const noexcept { return value_; }
-    explicit operator bool() const noexcept { return value_ != nullptr; }
+// The configuration directory, as the platform prints it for the writable
+// configuration: updater.conf lives there, and so do its temporary copies.
+ald::path config_directory();
 
-private:
-    json_t* value_;
-};
 
 // Replaces updater.conf with the document: a temporary file in the same
 // directory, flushed, renamed over it, the directory flushed. On false the
 // old file is as it was (or, when only the last flush failed, the new one
 // is in place but may not survive a power cut) and no temporary file is
-// left.
+// left. Each failed step logs its line.
 bool write_config(const json_ptr& document);
 
-// Removes the temporary copies of updater.conf that a daemon killed, or a
-// power cut, between the write and the rename left behind.
+// Removes the temporary copies of updater.conf and of the status file that
+// a daemon killed, or a power cut, between the write and the rename left
+// behind: the daemon's own, nobody else's.
 void remove_stale_copies();
 
 // var_path + "/sorvelupd.out_err.log" from the current file; "" with code 2

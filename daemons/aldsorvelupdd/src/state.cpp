@@ -1,15 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "state.h"
 
-#include <ald/memstream.h>
-
-ald::path config_directory() {
-    ald::path path;
-    ald::memstream dir;
-    ald::detail::print_common_path(dir, static_cast<ald::common_path>(2));
-    path.add_piece(true, dir.terminated_view());
-    return path;
-}
+#include "config.h"
 
 namespace {
 

@@ -22,10 +22,6 @@ extern int lan_pipe[2];                          // wakes the loop after a LAN c
 extern int last_aur_enabled;                     // last value written as aur_enabled; -1 none
 extern bool aur_write_owed;                      // a write of aur_enabled failed: write the next value, whatever it is
 
-// The configuration directory, as the platform prints it for the writable
-// configuration (updater.conf lives there, and so do its temporary copies).
-ald::path config_directory();
-
 // The text of a path as a string; a path without storage reads as "".
 inline std::string path_string(const ald::path& p) {
     const char* text = p.c_str();

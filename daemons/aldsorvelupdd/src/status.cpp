@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "status.h"
 
+#include "config.h"
 #include "state.h"
 
+#include <ald/memstream.h>
 #include <ald/path.h>
+#include <ald/replace.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <sys/wait.h>
@@ -38,10 +41,18 @@ json_int_t uptime() {
     return static_cast<json_int_t>(ts.tv_sec);
 }
 
-const std::string& file() {
-    static const std::string name = std::string(ald::root_prefix()) + "/var/run/aldsorvelupdd.json";
-    return name;
+// The system's runtime directory, where whoever looks after the device
+// finds the status of each daemon.
+const ald::path& directory() {
+    static const ald::path dir = [] {
+        ald::memstream text;
+        ald::detail::print_common_path(text, ald::common_path::system_runtime);
+        return ald::path(text.terminated_view());
+    }();
+    return dir;
 }
+
+constexpr char kFileName[] = "aldsorvelupdd.json";
 
 json_t* last_exit() {
     if (last_wait_status == -1) return json_null();
@@ -70,13 +81,15 @@ json_ptr document() {
     return json_ptr(status);
 }
 
+// In RAM: nothing is flushed, and a failure changes nothing else.
 void write_status() {
-    static const ald::path directory(std::string(ald::root_prefix()) + "/var/run");
-    ald::path temp;
-    if (!directory.temp_file(temp)) return;
-    if (json_dump_file(document().get(), temp.c_str(), JSON_INDENT(4)) == -1 ||
-        std::rename(temp.c_str(), file().c_str()) == -1)
-        temp.unlink();
+    char* text = json_dumps(document().get(), JSON_INDENT(4));
+    if (!text) return;
+    ald::replace_options options;
+    options.prefix = kTempPrefix;
+    options.durable = false;
+    ald::replace_file(directory(), kFileName, text, options);
+    std::free(text);
 }
 
 }  // namespace
@@ -123,4 +136,8 @@ void status_flush() {
     write_status();
 }
 
-void status_remove() { std::remove(file().c_str()); }
+void status_remove() {
+    ald::path file = directory();
+    file.add_piece(true, kFileName);
+    file.unlink();
+}

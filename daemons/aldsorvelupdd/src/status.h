@@ -5,7 +5,7 @@
 // it changed and removed at a clean stop. /var/run is a RAM file system, so
 // flash sees none of these writes. A status that cannot be written changes
 // nothing else: no log line, no retry until the next change.
-#include "config.h"
+#include "json_ptr.h"
 
 #include <sys/types.h>
 

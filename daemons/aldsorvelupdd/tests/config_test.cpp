@@ -19,30 +19,30 @@ using Config = DaemonTest;
 
 const char kConf[] = "{\n    \"var_path\": \"/var\",\n    \"kept\": [1, {\"a\": null}]\n}\n";
 
-// A failed flush is a failed write; one after the rename leaves the new file
-// in place, but it counts as not written, since a power cut may undo it.
-TEST_F(Config, AFailedRewriteLeavesTheFileAsItWasAndNoTemporaryFile) {
+// A failed dump leaves the file as it was and no temporary file (the
+// library's steps: path_test); each step that fails has its line, and one
+// after the rename, which left the file replaced, counts as failed too,
+// since a power cut may undo it.
+TEST_F(Config, AFailedRewriteSaysWhichStepFailed) {
     const struct {
-        const char* call;
-        int nth, err;
-        bool kept;
+        ald::replace_step step;  // none: the dump itself fails
+        int err;
         const char* line;  // the temporary file's random part as XXXXXXXX
     } failures[] = {
-        {"json_dump_file", 1, EIO, true, "error write_config: failed to dump new config"},
-        {"_ZNK3ald4path4syncEv", 1, EIO, true, "error write_config: failed to dump new config"},
-        {"rename", 1, EXDEV, true, "error write_config: failed to rename ETC/.tmp-XXXXXXXX to ETC/updater.conf (errno = 18)"},
-        {"_ZNK3ald4path4syncEv", 2, EIO, false, "error write_config: failed to rename ETC/.tmp-XXXXXXXX to ETC/updater.conf (errno = 5)"},
+        {ald::replace_step::none, EIO, "error write_config: failed to dump new config"},
+        {ald::replace_step::flush, EIO, "error write_config: failed to dump new config"},
+        {ald::replace_step::rename, EXDEV, "error write_config: failed to rename ETC/.aldsorvelupdd-XXXXXXXX to ETC/updater.conf (errno = 18)"},
+        {ald::replace_step::flush_directory, EIO, "error write_config: failed to flush ETC (errno = 5)"},
     };
     for (const auto& f : failures) {
-        SCOPED_TRACE(f.call);
         put("updater.conf", kConf);
-        fail_call(f.call, f.nth, f.err);
+        f.step == ald::replace_step::none ? fail_call("json_dump_file", 1, f.err) : fail_replace(f.step, 1, f.err);
         EXPECT_FALSE(write_config(json_ptr(json_object())));
-        EXPECT_EQ(get("updater.conf"), f.kept ? kConf : "{}");
+        EXPECT_EQ(get("updater.conf"), kConf);
         EXPECT_EQ(std::distance(fs::directory_iterator(etc), {}), 2) << "a temporary file was left";
         std::string line = log().back();
         for (auto at = line.find(etc); at != std::string::npos; at = line.find(etc)) line.replace(at, etc.size(), "ETC");
-        if (line.find(".tmp-") != std::string::npos) line.replace(line.find(".tmp-") + 5, 8, "XXXXXXXX");
+        if (line.find("ld-") != std::string::npos) line.replace(line.find("ld-") + 3, 8, "XXXXXXXX");
         EXPECT_EQ(line, f.line);
     }
 }
@@ -81,9 +81,9 @@ TEST_F(Config, AurEnabledIsFalseOnlyForZeroAndRewrittenOnlyWhenTheValueChanged) 
         SCOPED_TRACE(step.stored ? step.stored : "no value");
         fs::remove(etc + "/settings/privacy/aur");
         if (step.stored) put("settings/privacy/aur", step.stored);
-        const int renames = calls("rename");
+        const int writes = calls("replace_file");
         EXPECT_TRUE(update_aur_config(ald::kPrivacySettingKey));
-        EXPECT_EQ(calls("rename") - renames, step.rewritten ? 1 : 0);
+        EXPECT_EQ(calls("replace_file") - writes, step.rewritten ? 1 : 0);
         EXPECT_EQ(conf_key("aur_enabled"), step.aur_enabled);
     }
 
@@ -92,12 +92,15 @@ TEST_F(Config, AurEnabledIsFalseOnlyForZeroAndRewrittenOnlyWhenTheValueChanged) 
     // last one written before, switched back to, after a failed flush of the
     // directory, which left the file replaced all the same.
     const struct {
-        const char *value, *call, *then;
-        int nth;
-    } failures[] = {{"0\n", nullptr, "0\n", 0}, {"-1\n", "rename", "-1\n", 1}, {"0\n", "_ZNK3ald4path4syncEv", "-1\n", 2}};
+        const char* value;
+        ald::replace_step step;  // none: no file
+        const char* then;
+    } failures[] = {{"0\n", ald::replace_step::none, "0\n"},
+                    {"-1\n", ald::replace_step::rename, "-1\n"},
+                    {"0\n", ald::replace_step::flush_directory, "-1\n"}};
     for (const auto& f : failures) {
         put("settings/privacy/aur", f.value);
-        f.call ? fail_call(f.call, f.nth) : void(fs::remove(etc + "/updater.conf"));
+        f.step != ald::replace_step::none ? fail_replace(f.step, 1) : void(fs::remove(etc + "/updater.conf"));
         EXPECT_FALSE(update_aur_config(ald::kPrivacySettingKey));
         put("updater.conf", kConf);
         put("settings/privacy/aur", f.then);
@@ -118,7 +121,7 @@ TEST_F(Config, PcapDeviceLeavesOutNamesThatAreNotUtf8AndFailuresWriteNothing) {
     EXPECT_FALSE(update_lan_config());
     EXPECT_EQ(log(), (std::vector<std::string>{"error update_lan_config: failed to allocate json array",
                                                "error update_lan_config: failed to load config json"}));
-    EXPECT_EQ(calls("rename"), 1);
+    EXPECT_EQ(calls("replace_file"), 1);
 }
 
 }  // namespace

@@ -62,15 +62,59 @@ WRAP(int, -1, sigaddset, (sigset_t * s, int n), (s, n))
 WRAP(int, -1, sigprocmask, (int how, const sigset_t* s, sigset_t* old), (how, s, old))
 WRAP(int, -1, signalfd, (int fd, const sigset_t* s, int f), (fd, s, f))
 WRAP(int, -1, pipe2, (int* p, int f), (p, f))
-WRAP(int, -1, rename, (const char* from, const char* to), (from, to))
 WRAP(int, -1, json_dump_file, (const json_t* j, const char* p, size_t f), (j, p, f))
 WRAP(json_t*, nullptr, json_array, (), ())
-// setMgmt::init, netMgmt::init, fork, Instance::on_stop_pipe and path::sync, mangled.
+// setMgmt::init, netMgmt::init, fork and Instance::on_stop_pipe, mangled.
 WRAP(int, -1, _ZN3ald7setMgmt4initEb, (bool b), (b))
 WRAP(int, -1, _ZN3ald7netMgmt4initEb, (bool b), (b))
 WRAP(pid_t, -1, _ZN3ald4forkESt16initializer_listIiE, (std::initializer_list<int> l), (l))
 WRAP(int, -1, _ZN3ald6daemon8Instance12on_stop_pipeEv, (void* self), (self))
-WRAP(int, -1, _ZNK3ald4path4syncEv, (const void* self), (self))  // path::sync
+
+// ald::replace_file, both forms: a scripted call fails at its step as the
+// library reports it, and touches no file. (The result is a C++ type: the
+// wraps keep the C++ calling convention of what they wrap.)
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+namespace {
+ald::replace_step g_failing_step = ald::replace_step::none;
+
+bool replace_fails(const ald::path& dir, const ald::replace_options& options, ald::replace_result& r) {
+    if (!fails("replace_file")) return false;
+    r.failed = g_failing_step;
+    r.error = errno;
+    r.temp = dir;
+    r.temp.add_piece(true, std::string(options.prefix.data, options.prefix.length) + "XXXXXXXX");
+    return true;
+}
+}  // namespace
+
+void fail_replace(ald::replace_step step, int nth, int err) {
+    g_failing_step = step;
+    fail_call("replace_file", nth, err);
+}
+
+extern "C" ald::replace_result
+__real__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEERKSt8functionIFbiPKcEERKNS_15replace_optionsE(
+    const ald::path& dir, ald::basic_string_view<char> name, const ald::replace_writer& fill, const ald::replace_options& o);
+extern "C" ald::replace_result
+__wrap__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEERKSt8functionIFbiPKcEERKNS_15replace_optionsE(
+    const ald::path& dir, ald::basic_string_view<char> name, const ald::replace_writer& fill, const ald::replace_options& o) {
+    ald::replace_result r;
+    if (replace_fails(dir, o, r)) return r;
+    return __real__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEERKSt8functionIFbiPKcEERKNS_15replace_optionsE(
+        dir, name, fill, o);
+}
+extern "C" ald::replace_result
+__real__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEES4_RKNS_15replace_optionsE(
+    const ald::path& dir, ald::basic_string_view<char> name, ald::basic_string_view<char> text, const ald::replace_options& o);
+extern "C" ald::replace_result
+__wrap__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEES4_RKNS_15replace_optionsE(
+    const ald::path& dir, ald::basic_string_view<char> name, ald::basic_string_view<char> text, const ald::replace_options& o) {
+    ald::replace_result r;
+    if (replace_fails(dir, o, r)) return r;
+    return __real__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEES4_RKNS_15replace_optionsE(dir, name, text, o);
+}
 
 // MonitoredKey::read_notifications: a scripted failure makes the watch's
 // descriptor unreadable, as a broken one would be.

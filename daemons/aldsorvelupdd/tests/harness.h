@@ -5,6 +5,7 @@
 // library), its pauses, the LAN callback it registers, and a fixture that
 // gives each test a fresh ALD_ROOT, fresh daemon state and its log lines.
 #include <ald/network.h>
+#include <ald/replace.h>
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -17,6 +18,9 @@
 // with errno `err`; nth 0: every call.
 void fail_call(const std::string& name, int nth, int err = 5);
 int calls(const std::string& name);  // calls of a wrapped function in this test
+// The nth call of ald::replace_file ("replace_file" to calls()) fails at
+// `step` with errno `err`, touching no file, as the library reports it.
+void fail_replace(ald::replace_step step, int nth, int err = 5);
 
 extern int pauses;                               // sleep() calls of the daemon in this test
 extern std::function<void()> on_pause;           // at each of them

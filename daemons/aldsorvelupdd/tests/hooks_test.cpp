@@ -64,11 +64,14 @@ class InitFailure : public DaemonTest, public ::testing::WithParamInterface<init
 TEST_P(InitFailure, LogsTheStepAndClosesWhatItOpenedAndTheStopPipe) {
     const std::set<int> before = open_fds();
     put("../../var/run/aldsorvelupdd.json", "{\"pid\": 1}");  // a killed predecessor's
-    put(".tmp-a1b2c3d4", "{");                                  // and its copy cut short
+    put(".aldsorvelupdd-a1b2c3d4", "{");                        // and its copies cut short,
+    put("../../var/run/.aldsorvelupdd-a1b2c3d4", "{");
+    put(".tmp-a1b2c3d4", "{");                                  // not another program's
     fail_call(GetParam().call, GetParam().nth);
     EXPECT_FALSE(start());
     EXPECT_EQ(get("../../var/run/aldsorvelupdd.json"), "") << "the status of an updater that is gone";
-    EXPECT_EQ(log(), (lines{kStart, "info remove_stale_copies: removed 1 temporary files left beside updater.conf",
+    EXPECT_EQ(get(".tmp-a1b2c3d4"), "{");
+    EXPECT_EQ(log(), (lines{kStart, "info remove_stale_copies: removed 2 temporary files left by an earlier daemon",
                             std::string("error init: ") + GetParam().message, "info init: stop ald sorvelupd daemon"}));
     std::set<int> after = open_fds();
     for (int fd : before) EXPECT_EQ(after.erase(fd), 1u) << fd << " was closed";
@@ -141,9 +144,9 @@ TEST_F(Loop, AnUnreadableWatchIsClosedAndAFreshOneWatches) {
         if (pass == 2) put("settings/privacy/aur", "1\n");
         if (pass == 3) stop();
     };
-    const int renames = calls("rename");
+    const int renames = calls("json_dump_file");
     EXPECT_EQ(run(), 0);
-    EXPECT_EQ(calls("rename") - renames, 2);
+    EXPECT_EQ(calls("json_dump_file") - renames, 2);
     EXPECT_EQ(conf_key("aur_enabled"), "true");
     const std::string no_file = "error start_sorvelupd: failed to get file for redirection";
     EXPECT_EQ(log(), (lines{kStart} + stopped(child) + lines{no_file, no_file, kStop}));
@@ -151,9 +154,9 @@ TEST_F(Loop, AnUnreadableWatchIsClosedAndAFreshOneWatches) {
 
 TEST_F(Loop, QueuedLanWakeUpsCostOneStopAndOneRewrite) {
     ASSERT_EQ(::write(lan_pipe[1], "...", 3), 3);
-    const int renames = calls("rename");
+    const int renames = calls("json_dump_file");
     EXPECT_EQ(run_to(2), 0);
-    EXPECT_EQ(calls("rename") - renames, 1);
+    EXPECT_EQ(calls("json_dump_file") - renames, 1);
     EXPECT_EQ(log(), (lines{kStart} + stopped(child) + lines{"error start_sorvelupd: failed to get file for redirection", kStop}));
 }
 

@@ -2,6 +2,7 @@
 // The status file after each kind of event, as someone looking at the
 // device reads it. The updater's output directory is missing, so that each
 // child fails before exec and exits with status 1.
+#include "config.h"
 #include "harness.h"
 #include "hooks.h"
 #include "state.h"
@@ -81,7 +82,7 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     EXPECT_EQ(shown("config_failed"), "false");
 
     // A privacy write after a failed LAN write copies the old list.
-    fail_call("rename", 1);
+    fail_replace(ald::replace_step::rename, 1);
     update_lan_config();
     put("settings/privacy/aur", "1\n");
     update_aur_config(ald::kPrivacySettingKey);
@@ -89,14 +90,14 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     EXPECT_EQ(shown("config_failed"), "true") << "the LAN list is still owed";
     // updater.conf is written, the status is not: its next write waits for
     // the next change, never an idle pass.
-    fail_call("json_dump_file", 2);
+    fail_replace(ald::replace_step::fill, 2);
     update_lan_config();
     status_flush();
-    const int dumps = calls("json_dump_file");
+    const int writes = calls("replace_file");
     status_flush();
-    EXPECT_EQ(calls("json_dump_file"), dumps) << "written again with nothing changed";
+    EXPECT_EQ(calls("replace_file"), writes) << "written again with nothing changed";
 
-    fail_call("rename", 1);
+    fail_replace(ald::replace_step::rename, 1);
     put("settings/privacy/aur", "0\n");
     update_aur_config(ald::kPrivacySettingKey);
     status_flush();
