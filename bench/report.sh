@@ -117,6 +117,9 @@ report() {
             printf "| %s | %s | %s |\n", get("arm." boot[b] ".kernel"), spread("arm." boot[b] ".fork_exec_us.1024"), spread("arm." boot[b] ".fork_exec_us.1048576")
         printf "\nOne privacy change on UBIFS on a simulated NAND (%s, %s changes, each set and then waited for until the updater ran again, and a final sync): %s file flushes, %s writes to the flash, %s bytes written, per change.\n\n",
             get("flash.kernel"), get("flash.changes"), get("flash.flushes"), get("flash.writes"), get("flash.bytes")
+        printf "The same on f2fs on a virtio disk, as on eMMC (%s, %s changes): %s file flushes, %s checkpoints, %s write requests to the disk, %s bytes written, per change.\n\n",
+            get("flash_f2fs.kernel"), get("flash_f2fs.changes"), get("flash_f2fs.flushes"), get("flash_f2fs.checkpoints"),
+            get("flash_f2fs.writes"), get("flash_f2fs.bytes")
         printf "Targets:\n\n"
         kinds = get("idle.pass_kinds")
         passes_ok = (v["idle.passes"] > 0 && kinds == ("epoll_ctl+epoll_wait=" v["idle.passes"]) && v["idle.other_thread_calls"] == "none")

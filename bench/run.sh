@@ -93,15 +93,22 @@ guest() {
     sed -n "s/^value arm\.\([^ ]*\) \(.*\)$/arm.$release.\1\t\2/p" "$results/armvm-$release.log" >>"$results/values.tsv"
 }
 
-# flash: what one privacy change costs on a router's NAND (bench/flash.sh on
-# the kernel of the machine's own Debian release): values flash.*.
+# flash: what one privacy change costs on a router's NAND and on eMMC
+# (bench/flash.sh on the kernel of the machine's own Debian release, UBIFS
+# and f2fs): values flash.* and flash_f2fs.*.
 flash() {
-    note "armhf: a privacy change on a simulated NAND (about 60 s)"
+    note "armhf: a privacy change on a simulated NAND and on f2fs (about 90 s)"
     ARMVM_SECONDS=600 ARMVM_MODULES="nandsim:id_bytes=0x20,0x73 deflate zstd_compress zstd ubifs" \
         ARMVM_PROGRAMS="mtd-utils:ubiattach mtd-utils:ubimkvol" \
         "$top/scripts/armvm.sh" "$build_arm/stage" "$bench/flash.sh" >"$results/flash.log" 2>&1 ||
         note "the flash guest failed: see $results/flash.log"
     sed -n 's/^flash: \([a-z]*\) \(.*\)$/flash.\1\t\2/p' "$results/flash.log" >>"$results/values.tsv"
+    truncate -s 64M "$build_arm/f2fs.img" && mkfs.f2fs -f -q "$build_arm/f2fs.img" >/dev/null
+    ARMVM_SECONDS=600 ARMVM_MODULES="virtio_mmio virtio_blk crc32_generic f2fs" ARMVM_DISK="$build_arm/f2fs.img" ARMVM_ENV=FLASH_FS \
+        FLASH_FS=f2fs "$top/scripts/armvm.sh" "$build_arm/stage" "$bench/flash.sh" >"$results/flash-f2fs.log" 2>&1 ||
+        note "the f2fs guest failed: see $results/flash-f2fs.log"
+    sed -n 's/^flash: \([a-z]*\) \(.*\)$/flash_f2fs.\1\t\2/p' "$results/flash-f2fs.log" >>"$results/values.tsv"
+    rm -f "$build_arm/f2fs.img"
 }
 
 machine() {

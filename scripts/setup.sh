@@ -29,9 +29,9 @@ for g in "${groups[@]}"; do
                       libgtest-dev:armhf libgmock-dev:armhf) ;;
     fuzz) packages+=(clang libclang-rt-dev) ;;
     vm) cross=true
-        packages+=(qemu-system-arm cpio binutils) ;;
+        packages+=(qemu-system-arm cpio binutils e2fsprogs) ;;
     systemd) packages+=(mmdebstrap binutils) ;;
-    bench) packages+=(runit s6 strace binutils binutils-arm-linux-gnueabihf) ;;
+    bench) packages+=(runit s6 strace binutils binutils-arm-linux-gnueabihf f2fs-tools) ;;
     *) echo "setup: unknown group '$g' (base, cross, fuzz, vm, systemd, bench)" >&2; exit 2 ;;
   esac
 done

@@ -9,8 +9,8 @@
 #          the fuzz test                                    (build-asan/)
 #   tsan   the tests labelled threads under ThreadSanitizer (build-tsan/)
 #   tests/run.sh [STAGE...]     (default: all four, in this order)
-# ALD_SOAK_CYCLES, ALD_CRASH_KILLS, ALD_POWER_CUTS and ALD_FUZZ_SECONDS make
-# runs longer.
+# ALD_SOAK_CYCLES, ALD_CRASH_KILLS, ALD_POWER_CUTS, ALD_EMMC_CUTS and
+# ALD_FUZZ_SECONDS make runs longer.
 # Needs root (packages, namespaces): it asks sudo for it when run as a user.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -21,7 +21,7 @@ jobs=$(nproc)
 # knobs (a soak cycle or a crash kill takes a few milliseconds or a few
 # tenths of a second, a power cut about 9 s: 10 ms, 1 s and 15 s leave room
 # for the slowest stage).
-limit=$((300 + ${ALD_SOAK_CYCLES:-0} / 100 + ${ALD_CRASH_KILLS:-0} + ${ALD_POWER_CUTS:-8} * 15))
+limit=$((300 + ${ALD_SOAK_CYCLES:-0} / 100 + ${ALD_CRASH_KILLS:-0} + (${ALD_POWER_CUTS:-8} + ${ALD_EMMC_CUTS:-3}) * 15))
 "$top/scripts/setup.sh" base cross fuzz vm systemd
 
 # stage NAME CMAKE-ARGS... -- CTEST-ARGS... builds $targets (default: all)

@@ -7,11 +7,6 @@
 
 #include <string>
 
-// What the daemon's temporary copies of updater.conf and of its status file
-// are named with, before eight random characters: its own, so that it
-// removes its own stale copies and nobody else's.
-constexpr char kTempPrefix[] = ".aldsorvelupdd-";
-
 // The configuration directory, as the platform prints it for the writable
 // configuration: updater.conf lives there, and so do its temporary copies.
 ald::path config_directory();

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "status.h"
 
-#include "config.h"
 #include "state.h"
 
 #include <ald/memstream.h>
