@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -244,6 +245,20 @@ TEST_F(Watch, EveryChangeOfTheWayToTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes
     write(root + "/etc/other", "x");
     EXPECT_EQ(::poll(&ready, 1, 100), 0);
     for (const auto& at : {data + "/persist", data, root + "/ov", root + "/usb"}) ::umount2(at.c_str(), MNT_DETACH);
+}
+
+// Without /proc the watch goes on without the mount table, and says so once.
+TEST_F(Watch, WithoutProcItSeesChangesButNoMountsAndSaysSoOnce) {
+    const outcome o = in_child([this] {
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/proc", "tmpfs", 0, nullptr) != 0) return 77;
+        sm::MonitoredKey second{ald::path("/a/b/key"), count_call, 0, false};
+        if (watch.get_fd() < 0 || second.get_fd() < 0) return fail("no watch");
+        put("/a/b/key", "1");
+        return changes() == 1 ? 0 : fail("the key's change missed");
+    });
+    EXPECT_EQ(o.status, 0) << o.text;
+    EXPECT_EQ(o.writes, std::vector<std::string>{"warning: settings watch: no mount table (/proc/self/mountinfo: "
+                                                 "No such file or directory): mounts on the way to a key are not seen\n"});
 }
 
 }  // namespace
