@@ -3,6 +3,7 @@
 #include <ald/daemon.h>
 #include <ald/log.h>
 #include <ald/network.h>
+#include <ald/version.h>
 
 #include <cerrno>
 #include <climits>
@@ -49,12 +50,13 @@ const char* program_name(char** argv) {
 
 void usage(std::FILE* out, const char* name) {
     std::fprintf(out,
-                 "Usage: %s [-l N | --log-level=N] [--syslog] [-h | --help]\n"
+                 "Usage: %s [-l N | --log-level=N] [--syslog] [-h | --help] [--version]\n"
                  "  -l, --log-level=N  log lines of level N and below (0 error, 1 warning,\n"
                  "                     2 info; default 2; a negative N silences the daemon)\n"
                  "  --syslog           log to the system log, each line at its priority,\n"
                  "                     instead of standard error\n"
-                 "  -h, --help         print this help and exit\n",
+                 "  -h, --help         print this help and exit\n"
+                 "  --version          print the name and version and exit\n",
                  name);
 }
 
@@ -80,6 +82,7 @@ void parse_options(int argc, char** argv) {
         {"log-level", required_argument, nullptr, 'l'},
         {"syslog", no_argument, nullptr, 's'},
         {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'v'},
         {nullptr, 0, nullptr, 0},
     };
     opterr = 0;
@@ -99,6 +102,9 @@ void parse_options(int argc, char** argv) {
         case 'h':
             usage(stdout, name);
             std::exit(0);
+        case 'v':
+            std::printf("%s %s\n", name, version());
+            std::exit(std::fflush(stdout) == 0 && !std::ferror(stdout) ? 0 : 1);
         case ':':
             usage_error(name, "option needs a value", argv[optind - 1]);
         default:

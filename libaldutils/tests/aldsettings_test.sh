@@ -87,5 +87,6 @@ expect 2 "" "aldsettings: missing command (usage: *)"
 expect 2 "" "aldsettings: unknown command \"put\" (usage: *)" put /a x
 expect 2 "" "aldsettings: missing operands (usage: *)" set /a
 expect 2 "" "aldsettings: too many operands (usage: *)" get /a /b
+expect 0 "aldsettings [0-9]*.[0-9]*.[0-9]*" "" --version
 expect 0 "usage: aldsettings get KEY | set KEY VALUE | set KEY - | del KEY | list KEY | watch KEY$nl*" "" --help
 exit $((failures > 0))

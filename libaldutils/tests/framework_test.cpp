@@ -7,6 +7,7 @@
 #include <ald/log.h>
 #include <ald/network.h>
 #include <ald/process.h>
+#include <ald/version.h>
 
 #include "child.h"
 
@@ -35,14 +36,16 @@ std::shared_ptr<ald::daemon::Instance> instance(std::vector<const char*> args) {
     return ald::daemon::instance(static_cast<int>(args.size() - 1), const_cast<char**>(args.data()));
 }
 
-TEST(Framework, OptionsSetTheLogLevelPrintHelpOrEndInAUsageError) {
+TEST(Framework, OptionsSetTheLogLevelPrintHelpOrTheVersionOrEndInAUsageError) {
+    const std::string version = std::string("prog ") + ald::version() + "\n";
     const struct {
         std::vector<const char*> args;
         int status;  // 100 + the level when the options were taken
         const char* text;
     } cases[] = {
         {{}, 102, ""}, {{"-l", "0"}, 100, ""}, {{"--log-level=-1"}, 99, ""}, {{"-l7"}, 107, ""},
-        {{"--help"}, 0, "Usage: prog [-l N | --log-level=N] [--syslog] [-h | --help]"}, {{"-h", "-x"}, 0, "Usage: prog"},
+        {{"--help"}, 0, "Usage: prog [-l N | --log-level=N] [--syslog] [-h | --help] [--version]"}, {{"-h", "-x"}, 0, "Usage: prog"},
+        {{"--version", "-x"}, 0, version.c_str()},
         {{"-l"}, 2, "prog: option needs a value: -l"}, {{"-l", "x"}, 2, "prog: log level is not an integer: x"},
         {{"--log-level=99999999999"}, 2, "prog: log level is not an integer"}, {{"-x"}, 2, "prog: unknown option"},
         {{"-l", "1", "extra"}, 2, "prog: unexpected operand: extra"},

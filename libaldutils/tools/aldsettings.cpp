@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // aldsettings: reads and changes the settings store from the shell.
 #include <ald/settings.h>
+#include <ald/version.h>
 
 #include <cerrno>
 #include <climits>
@@ -222,6 +223,10 @@ int main(int argc, char** argv) {
     const std::string command = argv[1];
     if (command == "-h" || command == "--help") {
         std::printf("%s\n%s", kUsageLine, kHelp);
+        return finish();
+    }
+    if (command == "--version") {
+        std::printf("aldsettings %s\n", ald::version());
         return finish();
     }
     const int operands = command == "set" ? 2 : 1;

@@ -6,11 +6,13 @@
 #include <ald/memstream.h>
 #include <ald/path.h>
 #include <ald/replace.h>
+#include <ald/version.h>
 
 #include <cstdlib>
 #include <ctime>
 #include <string>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -77,6 +79,11 @@ json_ptr document() {
     for (int i = 0; i < 3; ++i) json_object_set_new(config, kKeys[i], written[i] ? json_incref(written[i]) : json_null());
     json_object_set_new(status, "config", config);
     json_object_set_new(status, "config_failed", json_boolean(owed != 0));
+    // Which daemon wrote it: a restarted or upgraded one shows another.
+    json_t* daemon = json_object();
+    json_object_set_new(daemon, "pid", json_integer(getpid()));
+    json_object_set_new(daemon, "version", json_string(ald::version()));
+    json_object_set_new(status, "daemon", daemon);
     return json_ptr(status);
 }
 

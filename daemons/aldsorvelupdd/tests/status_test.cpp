@@ -10,6 +10,7 @@
 #include "supervision.h"
 
 #include <ald/settings.h>
+#include <ald/version.h>
 
 #include <csignal>
 #include <ctime>
@@ -50,6 +51,7 @@ TEST_F(Status, FollowsStartsExitsAndWritesAndGoesAtAStop) {
     status_flush();
     const int starts = std::stoi(shown("starts"));
     EXPECT_EQ(shown("config", "connect_appid"), "\"status-test\"") << "init's write not shown";
+    EXPECT_EQ(shown("daemon"), "{\"pid\":" + std::to_string(::getpid()) + ",\"version\":\"" + ald::version() + "\"}");
     fail_call("_ZN3ald4forkESt16initializer_listIiE", 1);
     start_sorvelupd();  // no updater: no start
     start_sorvelupd();

@@ -45,6 +45,7 @@ private:
 // options and later calls return the same instance while it is alive.
 //   -l N, --log-level=N   sets ald::log::current_level to the integer N
 //   -h, --help            prints usage to standard output and exits 0
+//   --version             prints the program's name and ald::version() and exits 0
 // Anything else (unknown option, a level that is not an int, an operand)
 // prints a usage error to standard error and exits 2. SIGPIPE is ignored.
 std::shared_ptr<Instance> instance(int argc, char** argv);
