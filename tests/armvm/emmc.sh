@@ -62,7 +62,10 @@ broken=0 flipped=
 for ((i = 0; i <= cuts; i++)); do
     # privacy/aur:aur or test/flip:flip, in turn
     EMMC_KEY=$( ((i % 2)) && echo test/flip:flip || echo privacy/aur:aur) && export EMMC_KEY
-    "$top/scripts/armvm.sh" "$stage" "$work/emmc" >"$work/console" 2>&1 &
+    # Emptied here, not by the boot's own redirection, which may come after
+    # the wait below has read the last boot's console.
+    : >"$work/console" && rm -f "$work/pid"
+    "$top/scripts/armvm.sh" "$stage" "$work/emmc" >>"$work/console" 2>&1 &
     w=600
     until grep -q 'emmc: flipping' "$work/console" || [ $((w -= 1)) = 0 ]; do sleep 0.1; done
     [ "$w" != 0 ] || { cat "$work/console"; exit 1; }
