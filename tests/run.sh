@@ -36,7 +36,7 @@ stage() {
     shift
     echo "=== $name"
     # Tests on, whatever a build by hand in the same directory cached.
-    cmake -S "$top" -B "$dir" -DALD_WERROR=ON -DALD_BUILD_TESTS=ON "${cmake_args[@]}" >/dev/null
+    cmake -S "$top" -B "$dir" -DALD_WERROR=ON -DBUILD_TESTING=ON "${cmake_args[@]}" >/dev/null
     cmake --build "$dir" -j"$jobs" "${targets[@]}" >/dev/null
     rm -rf "$dir/reports" && mkdir -p "$dir/reports"
     local common="halt_on_error=1:abort_on_error=1:log_exe_name=1"
