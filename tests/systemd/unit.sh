@@ -53,7 +53,6 @@ echo '{"var_path": "/run/var"}' >/etc/aldrana/updater.conf
 check "the updater's packet socket" 50 opened /run/var
 check "the updater's mounts are the system's" 1 system_mounts
 systemctl stop $unit
-check "stop: within TimeoutStopSec, no updater left" 1 stopped
 aldsettings set /daemons/aldsorvelupdd/env_vars/STANDIN_IGNORE_TERM 1
 echo '{"var_path": "/tmp/var"}' >/etc/aldrana/updater.conf
 systemctl start $unit
