@@ -6,7 +6,8 @@
 #   armhf  the 32-bit ARM cross build, its tests under qemu-arm,
 #          all but those labelled host                      (build-armhf/)
 #   asan   clang with AddressSanitizer and UBSan, the whole suite and
-#          the fuzz test                                    (build-asan/)
+#          the fuzz test, on the static library (the other stages
+#          build the shared one)                            (build-asan/)
 #   tsan   the tests labelled threads under ThreadSanitizer (build-tsan/)
 #   tests/run.sh [STAGE...]     (default: all four, in this order)
 # ALD_SOAK_CYCLES, ALD_CRASH_KILLS, ALD_POWER_CUTS, ALD_EMMC_CUTS and
@@ -35,8 +36,9 @@ stage() {
     while [ "$1" != -- ]; do cmake_args+=("$1"); shift; done
     shift
     echo "=== $name"
-    # Tests on, whatever a build by hand in the same directory cached.
-    cmake -S "$top" -B "$dir" -DALD_WERROR=ON -DALD_BUILD_TESTS=ON "${cmake_args[@]}" >/dev/null
+    # Tests on and the shared library, whatever a build by hand in the same
+    # directory cached; a stage's own arguments come after.
+    cmake -S "$top" -B "$dir" -DALD_WERROR=ON -DBUILD_TESTING=ON -DBUILD_SHARED_LIBS=ON "${cmake_args[@]}" >/dev/null
     cmake --build "$dir" -j"$jobs" "${targets[@]}" >/dev/null
     rm -rf "$dir/reports" && mkdir -p "$dir/reports"
     local common="halt_on_error=1:abort_on_error=1:log_exe_name=1"
@@ -60,7 +62,7 @@ for name in "${stages[@]}"; do
     host) stage host -- ;;
     armhf) stage armhf -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchain-armhf.cmake" -DCMAKE_BUILD_TYPE=MinSizeRel \
         -- -LE host ;;
-    asan) CC=clang CXX=clang++ stage asan -DALD_SANITIZE=address -DALD_FUZZ=ON \
+    asan) CC=clang CXX=clang++ stage asan -DALD_SANITIZE=address -DALD_FUZZ=ON -DBUILD_SHARED_LIBS=OFF \
         -DALD_FUZZ_SECONDS="${ALD_FUZZ_SECONDS:-30}" -- ;;
     tsan) targets=(--target daemon_test aldutils_test aldutils_network_test)
         stage tsan -DALD_SANITIZE=thread -- -L threads ;;

@@ -3,9 +3,9 @@
 # The installed systemd unit under systemd as PID 1, run beside it by
 # scripts/systemdbox.sh (sh, root, outside the unit): the updater's job
 # under the unit's sandbox (a packet socket, var_path in /tmp), a killed
-# daemon, the journal's priorities and two stops. One "systemd: ok WHAT"
-# or "systemd: FAIL WHAT" line per check; the exit status is the number of
-# failures.
+# daemon, the journal's priorities, two stops and a bad option. One
+# "systemd: ok WHAT" or "systemd: FAIL WHAT" line per check; the exit status
+# is the number of failures.
 fails=0
 # check WHAT TENTHS CMD...: CMD holds within TENTHS tenths of a second (1: at once).
 check() {
@@ -33,6 +33,7 @@ restarted() { [ "$(main_pid)" != "$1" ] && one_updater; }
 # The updater's mounts are the system's: what it unmounts before flashing is gone for all.
 system_mounts() { u=$(updaters) && [ "$(readlink "${u%cmdline}ns/mnt")" = "$(readlink /proc/1/ns/mnt)" ]; }
 stopped() { [ "$(systemctl show -P Result $unit)" = success ] && ! systemctl -q is-active $unit && [ -z "$(updaters)" ]; }
+not_restarted() { [ "$(systemctl show -P NRestarts $unit)" = 0 ] && systemctl -q is-failed $unit; }
 
 # A stand-in updater that opens a packet socket (AF_PACKET, SOCK_RAW), as a
 # capture on the LAN links does, says so in its output, and runs until a
@@ -52,7 +53,6 @@ echo '{"var_path": "/run/var"}' >/etc/aldrana/updater.conf
 check "the updater's packet socket" 50 opened /run/var
 check "the updater's mounts are the system's" 1 system_mounts
 systemctl stop $unit
-check "stop: within TimeoutStopSec, no updater left" 1 stopped
 aldsettings set /daemons/aldsorvelupdd/env_vars/STANDIN_IGNORE_TERM 1
 echo '{"var_path": "/tmp/var"}' >/etc/aldrana/updater.conf
 systemctl start $unit
@@ -66,5 +66,12 @@ check "stop, SIGTERM ignored: the updater got SIGKILL" 1 logged "sent signal #9"
 check "journalctl -p err: the error lines alone" 1 at err error
 check "journal: warnings at their priority" 1 at warning..warning warning
 check "journal: info at its priority" 1 at info..info info
+# Last, since its usage lines go to the journal: a bad option (status 2) is
+# not restarted, a restart cannot mend it.
+mkdir -p /etc/systemd/system/$unit.service.d
+printf '[Service]\nExecStart=\nExecStart=%s --log-level=x\n' "$(command -v aldsorvelupdd)" \
+    >/etc/systemd/system/$unit.service.d/bad-option.conf
+systemctl daemon-reload && systemctl start $unit && sleep 2
+check "status 2, a bad option: not restarted" 1 not_restarted
 [ $fails = 0 ] || { journalctl -u $unit -o short-monotonic --no-pager | tail -40; tail /run/var/* /tmp/var/*; }
 exit $fails
