@@ -95,11 +95,6 @@ replace_result replace_file(const path& dir, basic_string_view<char> name, const
     return replace_in(AT_FDCWD, std::string(dir.c_str()) + "/", dir, name, fill, options);
 }
 
-replace_result replace_file(const path& dir, basic_string_view<char> name, basic_string_view<char> content,
-                            const replace_options& options) {
-    return replace_file(dir, name, [content](int fd, const char*) { return write_all(fd, content); }, options);
-}
-
 replace_result replace_file_at(int dir_fd, const path& dir, basic_string_view<char> name,
                                const replace_writer& fill, const replace_options& options) {
     return replace_in(dir_fd, "", dir, name, fill, options);

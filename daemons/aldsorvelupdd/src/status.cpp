@@ -8,7 +8,6 @@
 #include <ald/replace.h>
 #include <ald/version.h>
 
-#include <cstdlib>
 #include <ctime>
 #include <string>
 #include <sys/wait.h>
@@ -89,13 +88,13 @@ json_ptr document() {
 
 // In RAM: nothing is flushed, and a failure changes nothing else.
 void write_status() {
-    char* text = json_dumps(document().get(), JSON_INDENT(4));
-    if (!text) return;
+    const json_ptr status = document();
     ald::replace_options options;
     options.prefix = kTempPrefix;
     options.durable = false;
-    ald::replace_file(directory(), kFileName, text, options);
-    std::free(text);
+    ald::replace_file(directory(), kFileName, [&status](int fd, const char*) {
+        return json_dumpfd(status.get(), fd, JSON_INDENT(4)) == 0;
+    }, options);
 }
 
 }  // namespace

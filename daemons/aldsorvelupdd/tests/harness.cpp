@@ -70,7 +70,7 @@ WRAP(int, -1, _ZN3ald7netMgmt4initEb, (bool b), (b))
 WRAP(pid_t, -1, _ZN3ald4forkESt16initializer_listIiE, (std::initializer_list<int> l), (l))
 WRAP(int, -1, _ZN3ald6daemon8Instance12on_stop_pipeEv, (void* self), (self))
 
-// ald::replace_file, both forms: a scripted call fails at its step as the
+// ald::replace_file: a scripted call fails at its step as the
 // library reports it, and touches no file. (The result is a C++ type: the
 // wraps keep the C++ calling convention of what they wrap.)
 #ifdef __clang__
@@ -104,16 +104,6 @@ __wrap__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEERKSt8functionI
     if (replace_fails(dir, o, r)) return r;
     return __real__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEERKSt8functionIFbiPKcEERKNS_15replace_optionsE(
         dir, name, fill, o);
-}
-extern "C" ald::replace_result
-__real__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEES4_RKNS_15replace_optionsE(
-    const ald::path& dir, ald::basic_string_view<char> name, ald::basic_string_view<char> text, const ald::replace_options& o);
-extern "C" ald::replace_result
-__wrap__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEES4_RKNS_15replace_optionsE(
-    const ald::path& dir, ald::basic_string_view<char> name, ald::basic_string_view<char> text, const ald::replace_options& o) {
-    ald::replace_result r;
-    if (replace_fails(dir, o, r)) return r;
-    return __real__ZN3ald12replace_fileERKNS_4pathENS_17basic_string_viewIcEES4_RKNS_15replace_optionsE(dir, name, text, o);
 }
 
 // MonitoredKey::read_notifications: a scripted failure makes the watch's

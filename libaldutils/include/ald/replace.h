@@ -56,14 +56,12 @@ using replace_writer = std::function<bool(int fd, const char* temp)>;
 // removed then.
 replace_result replace_file(const path& dir, basic_string_view<char> name, const replace_writer& fill,
                             const replace_options& options = {});
-// The same with `content` as the new file's content.
-replace_result replace_file(const path& dir, basic_string_view<char> name, basic_string_view<char> content,
-                            const replace_options& options = {});
 // The same relative to the open directory `dir_fd` (which `dir` names, for
 // the result), so that a caller who locked the directory replaces the file
 // in that one and no other.
 replace_result replace_file_at(int dir_fd, const path& dir, basic_string_view<char> name,
                                const replace_writer& fill, const replace_options& options = {});
+// The same with `content` as the new file's content.
 replace_result replace_file_at(int dir_fd, const path& dir, basic_string_view<char> name,
                                basic_string_view<char> content, const replace_options& options = {});
 
