@@ -8,6 +8,9 @@
 #include <ald/replace.h>
 #include <ald/version.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <sys/wait.h>
@@ -80,21 +83,31 @@ json_ptr document() {
     json_object_set_new(status, "config_failed", json_boolean(owed != 0));
     // Which daemon wrote it: a restarted or upgraded one shows another.
     json_t* daemon = json_object();
-    json_object_set_new(daemon, "pid", json_integer(getpid()));
+    static const pid_t self = getpid();
+    json_object_set_new(daemon, "pid", json_integer(self));
     json_object_set_new(daemon, "version", json_string(ald::version()));
     json_object_set_new(status, "daemon", daemon);
     return json_ptr(status);
 }
 
-// In RAM: nothing is flushed, and a failure changes nothing else.
+// In RAM: nothing is flushed, and a failure changes nothing else. The text
+// is made first and written whole: dumped into the descriptor, each token
+// would cost a system call.
 void write_status() {
-    const json_ptr status = document();
+    char* const text = json_dumps(document().get(), JSON_INDENT(4));
+    if (!text) return;
     ald::replace_options options;
     options.prefix = kTempPrefix;
     options.durable = false;
-    ald::replace_file(directory(), kFileName, [&status](int fd, const char*) {
-        return json_dumpfd(status.get(), fd, JSON_INDENT(4)) == 0;
+    ald::replace_file(directory(), kFileName, [text](int fd, const char*) {
+        for (std::size_t done = 0, size = std::strlen(text); done < size;) {
+            const ssize_t n = ::write(fd, text + done, size - done);
+            if (n < 0 && errno != EINTR) return false;
+            done += n > 0 ? static_cast<std::size_t>(n) : 0;
+        }
+        return true;
     }, options);
+    std::free(text);
 }
 
 }  // namespace
