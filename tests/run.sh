@@ -22,7 +22,7 @@ jobs=$(nproc)
 # knobs (a soak cycle or a crash kill takes a few milliseconds or a few
 # tenths of a second, a power cut about 9 s: 10 ms, 1 s and 15 s leave room
 # for the slowest stage).
-limit=$((300 + ${ALD_SOAK_CYCLES:-0} / 100 + ${ALD_CRASH_KILLS:-0} + (${ALD_POWER_CUTS:-8} + ${ALD_EMMC_CUTS:-3}) * 15))
+limit=$((300 + ${ALD_SOAK_CYCLES:-0} / 100 + ${ALD_CRASH_KILLS:-0} + (${ALD_POWER_CUTS:-6} + ${ALD_EMMC_CUTS:-2}) * 15))
 "$top/scripts/setup.sh" base cross fuzz vm systemd
 
 # stage NAME CMAKE-ARGS... -- CTEST-ARGS... builds $targets (default: all)

@@ -67,12 +67,12 @@ check "power cuts: the updater runs on /persist" 100 starts_reach $((started + 1
 while [ $i -lt "${ALD_POWER_CUTS:-$ALD_POWER_CUTS_DEFAULT}" ]; do
     i=$((i + 1)) aur_trying=$aur_acked flip_trying=$flip_acked lan= k=0
     dmesg -c >/dev/null
-    # In turn: during privacy flips, LAN changes, flips of the test's key,
-    # LAN changes; 1 or 2 header writes to go, or 4 to 8.
+    # In turn: during privacy flips, LAN changes and flips of the test's
+    # key; 1 or 2 header writes to go, or 4 to 8.
     arm $((1 + i % 4 / 2 * 3)) $((2 + i % 4 / 2 * 6))
-    if [ $((i % 4)) = 1 ]; then
+    if [ $((i % 3)) = 1 ]; then
         flip /privacy/aur aur
-    elif [ $((i % 4)) = 3 ]; then
+    elif [ $((i % 3)) = 0 ]; then
         flip /test/flip flip data
     else
         while [ $k -lt 40 ] && ! stopped; do
