@@ -9,6 +9,11 @@
 // it (a directory with the rest of the way in it cannot be replaced by a
 // rename, nor removed). Whatever else changes the way is a mount.
 //
+// The key's file is watched itself too, for writes made through another
+// name (a bind mount of the file, a hard link). A watch the kernel ends
+// (its directory deleted, its file system unmounted) places them all anew,
+// even when the way reads as before: a new inode may have the old number.
+//
 // The watches are placed after a resolution and the key is then resolved
 // again: a change between the two shows as a different way, placed and
 // checked once more, so none falls between a look and its watch.
@@ -24,6 +29,7 @@
 #include <fcntl.h>
 #include <string>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -93,6 +99,12 @@ void say_no_mounts(int err) {
     log::print(0, log::level::warning, basic_string_view<char>(line.data(), static_cast<std::uint32_t>(line.size())));
 }
 
+void poke(int fd) {
+    const std::uint64_t one = 1;
+    while (::write(fd, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+}
+
 bool add(int epoll, int fd) {
     epoll_event ev{};
     ev.events = EPOLLIN;
@@ -117,6 +129,13 @@ int MonitoredKey::get_fd() {
         errno = err;
         return -1;
     }
+    // A watch made again owes one call: the key may have changed while
+    // there was none.
+    if (made_) {
+        owed_ = true;
+        poke(event_);
+    }
+    made_ = true;
     return fd_;
 }
 
@@ -132,18 +151,18 @@ bool MonitoredKey::open() {
     if (fd_ < 0 || ::fcntl(fd_, F_SETFL, O_NONBLOCK) != 0) return false;
     inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (inotify_ < 0 || !add(fd_, inotify_)) return false;
+    event_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (event_ < 0 || !add(fd_, event_)) return false;
     mounts_ = new (std::nothrow) detail::MountTable;
     if (!mounts_) {
         errno = ENOMEM;
         return false;
     }
-    if (mounts_->open() != 0) {
+    if (mounts_->open(event_) != 0) {
         if (errno != ENOENT && errno != EACCES) return false;
         say_no_mounts(errno);
         delete mounts_;
         mounts_ = nullptr;
-    } else if (!add(fd_, mounts_->fd())) {
-        return false;
     }
     way_ = Resolution();
     wds_.clear();
@@ -161,16 +180,22 @@ bool MonitoredKey::read_notifications() {
     bool broken = n < 0;
     bool resolve = false;
     bool touched = false;
+    bool lost = false;
     for (int i = 0; i < n && !broken; ++i) {
+        std::uint64_t count;
         if (ready[i].data.fd == inotify_) {
-            read_events(resolve, touched);
+            read_events(resolve, touched, lost);
             broken = inotify_ < 0;
-        } else if (mounts_ && ready[i].data.fd == mounts_->fd() && mounts_->drain()) {
+        } else if (ready[i].data.fd == event_ && ::read(event_, &count, sizeof count) == sizeof count) {
+            // The mount table changed, or the watch was made again.
             resolve = true;
+            touched = touched || owed_;
+            owed_ = false;
         }
     }
-    if (!broken && resolve) {
+    if (!broken && (resolve || lost)) {
         const Target before = target_of(way_);
+        if (lost) way_ = Resolution();  // placed anew, whatever the way reads
         broken = !refresh();
         if (!(target_of(way_) == before)) touched = true;
     }
@@ -185,9 +210,10 @@ bool MonitoredKey::read_notifications() {
     return !broken;
 }
 
-// Sorts the pending events into "the way may have changed" and "the key's
-// file was written". A read that fails leaves inotify_ closed.
-void MonitoredKey::read_events(bool& resolve, bool& touched) {
+// Sorts the pending events into "the way may have changed", "the key's
+// file was written" and "a watch was ended by the kernel". A read that
+// fails leaves inotify_ closed.
+void MonitoredKey::read_events(bool& resolve, bool& touched, bool& lost) {
     alignas(inotify_event) char buf[4096];
     for (;;) {
         const ssize_t n = ::read(inotify_, buf, sizeof buf);
@@ -206,8 +232,14 @@ void MonitoredKey::read_events(bool& resolve, bool& touched) {
                 resolve = touched = true;
                 continue;
             }
+            const bool ended = ev->mask & (IN_IGNORED | IN_UNMOUNT);
+            if (ev->wd == file_wd_) {
+                touched = touched || (ev->mask & IN_CLOSE_WRITE);
+                lost = lost || ended;
+            }
             for (std::size_t i = 0; i < wds_.size(); ++i) {
                 if (wds_[i] != ev->wd) continue;
+                lost = lost || ended;
                 if (ev->mask & kGone) {
                     resolve = true;
                 } else if (ev->len != 0 && way_.steps[i].name == ev->name) {
@@ -257,13 +289,22 @@ bool MonitoredKey::place(const Resolution& way) {
     }
     for (int& wd : wds)
         if (wd == -2) wd = -1;
-    for (int old : wds_) {
-        bool kept = old < 0;
-        for (int wd : wds) kept = kept || wd == old;
+    // The file itself, for writes through another of its names.
+    int file_wd = -1;
+    if (way.found()) {
+        file_wd = ::inotify_add_watch(inotify_, way.file.c_str(), IN_CLOSE_WRITE | IN_DONT_FOLLOW);
+        if (file_wd < 0 && !absent(errno)) return false;
+    }
+    std::vector<int> old = std::move(wds_);
+    old.push_back(file_wd_);
+    for (int wd : old) {
+        bool kept = wd < 0 || wd == file_wd;
+        for (int now : wds) kept = kept || now == wd;
         // The kernel may have dropped it already (IN_IGNORED): no matter.
-        if (!kept) ::inotify_rm_watch(inotify_, old);
+        if (!kept) ::inotify_rm_watch(inotify_, wd);
     }
     wds_ = std::move(wds);
+    file_wd_ = file_wd;
     return true;
 }
 
@@ -275,12 +316,15 @@ void MonitoredKey::cancel() {
 }
 
 void MonitoredKey::close_inner() {
-    if (inotify_ >= 0) ::close(inotify_);
-    inotify_ = -1;
     delete mounts_;
     mounts_ = nullptr;
+    if (inotify_ >= 0) ::close(inotify_);
+    inotify_ = -1;
+    if (event_ >= 0) ::close(event_);
+    event_ = -1;
     way_ = Resolution();
     wds_.clear();
+    file_wd_ = -1;
 }
 
 }  // namespace setMgmt

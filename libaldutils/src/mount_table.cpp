@@ -56,11 +56,12 @@ void* MountTable::poll_table(void* self) {
     }
 }
 
-int MountTable::open() {
+int MountTable::open(int event) {
     table_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
     if (table_ < 0) return -1;
-    event_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (event_ >= 0) stop_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    event_ = event;
+    owner_ = ::getpid();
+    stop_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     int err = errno;
     if (stop_ >= 0) {
         pthread_attr_t attr;
@@ -84,20 +85,17 @@ int MountTable::open() {
     return -1;
 }
 
-bool MountTable::drain() {
-    std::uint64_t count = 0;
-    return event_ >= 0 && ::read(event_, &count, sizeof count) == sizeof count;
-}
-
 void MountTable::close() {
-    if (running_) {
+    // A forked child shares the stop descriptor with its parent, whose
+    // thread it would stop, and has no thread to join.
+    if (running_ && ::getpid() == owner_) {
         signal(stop_);
         pthread_join(thread_, nullptr);
-        running_ = false;
     }
+    running_ = false;
     close_fd(table_);
-    close_fd(event_);
     close_fd(stop_);
+    event_ = -1;
 }
 
 }  // namespace detail

@@ -76,9 +76,15 @@ int resolve(const std::string& key, Resolution& out) {
         pending.pop_back();
         if (name == ".") continue;
         if (name == "..") {
+            // The directory left is on the way too: gone or moved, it
+            // breaks the way as any other would.
+            Resolution::Step up{at, name, Resolution::Kind::directory, here.st_dev, here.st_ino, 0, 0};
             const std::size_t slash = at.rfind('/');
             at.resize(slash == 0 ? 1 : slash);
             if (::stat(at.c_str(), &here) != 0) return ended(out, errno, at, pending);
+            up.dev = here.st_dev;
+            up.ino = here.st_ino;
+            out.steps.push_back(std::move(up));
             continue;
         }
         const std::string path = join(at, name);
@@ -107,6 +113,8 @@ int resolve(const std::string& key, Resolution& out) {
             }
             if (++links > kMaxLinks || n <= 0) return ended(out, n < 0 ? errno : n == 0 ? ENOENT : ELOOP, path, pending);
             text.resize(static_cast<std::size_t>(n));
+            // A target that ends in "/" names a directory, as "." after it does.
+            if (text.back() == '/') pending.push_back(".");
             push_names(text, pending);
             if (text[0] == '/') {
                 at = "/";

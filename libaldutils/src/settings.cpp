@@ -204,6 +204,8 @@ int getKey(const std::string& key, std::string& value) {
     }
     ::close(fd);
     if (!text.empty() && text.back() == '\n') text.pop_back();
+    // The last read, which found the end, left room the value does not need.
+    text.shrink_to_fit();
     value = std::move(text);
     return 0;
 }
@@ -267,6 +269,12 @@ int setKey(const std::string& key, const std::string& value) {
     resolve(key, way);
     if (way.error != 0) {
         errno = way.error;
+        return -1;
+    }
+    // Links that lead to a directory ("/", ".."): no value goes there.
+    struct stat st;
+    if (::stat(way.file.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        errno = EISDIR;
         return -1;
     }
     const std::string dir = directory_of(way.file);

@@ -52,6 +52,7 @@ expect 2 "" "aldsettings: /: the root of the store cannot be deleted" del /
 # (renames over) the file they lead to, or makes it, and keeps them.
 ln -s ../../../persist/aur "$store/aur" && ln -s aur "$store/chain" && ln -s "$persist/new" "$store/new" || exit 1
 ln -s "$persist/no/aur" "$store/unmounted" && ln -s loop "$store/loop" && ln -s /dev/zero "$store/zero" || exit 1
+ln -s "$persist/aur/" "$store/slash" || exit 1
 mkfifo "$store/fifo" && truncate -s 17M "$store/big" && inode=$(stat -c %i "$persist/aur") || exit 1
 expect 0 "0" "" get /chain
 expect 0 "" "" set /chain 1
@@ -60,6 +61,8 @@ expect 0 "" "" set /new x
 [ -L "$store/new" ] && [ "$(cat "$persist/new")" = x ] || fail "set /new"
 expect 1 "" "aldsettings: /unmounted: leads through symbolic links to $persist/no/aur, whose directory does not exist" set /unmounted x
 expect 1 "" "aldsettings: /unmounted: leads through symbolic links to $persist/no/aur, which does not exist" get /unmounted
+# A link's trailing "/" asks for a directory, as the kernel reads it.
+expect 1 "" "aldsettings: /slash: leads through symbolic links to $persist/aur/., where a directory is needed" set /slash x
 expect 1 "" "aldsettings: /loop: its symbolic links loop, so it reads as no value" get /loop
 expect 1 "" "aldsettings: /zero: leads through symbolic links to /dev/zero, which is not a regular file, so it reads as no value" get /zero
 expect 1 "" "aldsettings: /fifo: is not a regular file, so it reads as no value" get /fifo

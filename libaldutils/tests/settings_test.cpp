@@ -202,6 +202,7 @@ TEST_F(Watch, EveryChangeOfTheWayToTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes
     } steps[] = {
         {"directories made, key written", [&] { put("/a/b/key", "1"); }, 1},
         {"written in place", [&] { write(key, "2"); }, 1},
+        {"its directory removed and made again", [&] { fs::remove_all(store + "/a/b"), put("/a/b/key", "2"); }, 1},
         {"renamed into place", [&] { sm::setKey("/a/b/key", "3"); }, 1},
         {"deleted", [&] { fs::remove(key); }, 1},
         {"made again as a link elsewhere", [&] { write(persist + "/v", "4"), ln(persist + "/v", key); }, 1},
@@ -210,6 +211,9 @@ TEST_F(Watch, EveryChangeOfTheWayToTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes
         {"pointed at nothing", [&] { ln(persist + "/w", key); }, 1},
         {"then the old target written", [&] { write(persist + "/v", "7"); }, 0},
         {"the new target made", [&] { write(persist + "/w", "8"); }, 1},
+        {"led there through a directory it leaves by ..", [&] { fs::create_directories(persist + "/s/x"), ln(persist + "/s/x/../../w", key); }, 0},
+        {"that directory removed", [&] { fs::remove(persist + "/s/x"); }, 1},
+        {"made again", [&] { fs::create_directory(persist + "/s/x"); }, 1},
         {"many writes before one read", [&] { for (int i = 0; i < 50; ++i) sm::setKey("/a/b/key", std::to_string(i)); }, 1},
         {"files beside it", [&] { put("/a/b/keyring", "x"), sm::setKey("/a/b2/key", "x"), write(persist + "/x", "x"); }, 0},
         {"a loop of links", [&] { ln("key", key + "2"), ln("key2", key); }, 1},
@@ -226,6 +230,8 @@ TEST_F(Watch, EveryChangeOfTheWayToTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes
              mount("overlay", "o", data + "/persist", "lowerdir=" + root + "/lower,upperdir=" + root + "/ov/up,workdir=" + root + "/ov/work");
          }, 1},
         {"written through the overlay", [&] { write(data + "/persist/aur", "4"); }, 1},
+        {"a file bind-mounted over the value", [&] { write(root + "/bound", "5"), mount(nullptr, root + "/bound", data + "/persist/aur"); }, 1},
+        {"written through the file's other name", [&] { write(root + "/bound", "6"); }, 1},
         {"a mount elsewhere", [&] { mount("tmpfs", "t", root + "/usb"); }, 0},
         {"its directory made a link to a slot", [&] { fs::remove_all(store + "/a/b"), write(slots + "/a/key", "a"), ln(slots + "/current", store + "/a/b"), ln("a", slots + "/current"); }, 1},
         {"the slot link pointed at the other", [&] { write(slots + "/b/key", "b"), ln("b", slots + "/current"); }, 1},
@@ -244,7 +250,23 @@ TEST_F(Watch, EveryChangeOfTheWayToTheKeyCallsTheHandlerOnceAndNoOtherChangeDoes
     pollfd ready{watch.get_fd(), POLLIN, 0};  // a directory that merely lies on the way does not even wake it
     write(root + "/etc/other", "x");
     EXPECT_EQ(::poll(&ready, 1, 100), 0);
-    for (const auto& at : {data + "/persist", data, root + "/ov", root + "/usb"}) ::umount2(at.c_str(), MNT_DETACH);
+    for (const auto& at : {data + "/persist/aur", data + "/persist", data, root + "/ov", root + "/usb"})
+        ::umount2(at.c_str(), MNT_DETACH);
+}
+
+// A watch made again owes one call: the key may have changed while there was
+// none.
+TEST_F(Watch, ADescriptorMadeAgainOwesOneCall) {
+    put("/a/b/key", "1");
+    const int fd = watch.get_fd(), null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::dup2(null, fd), ::close(null);
+    EXPECT_FALSE(watch.read_notifications());
+    ::close(fd);
+    put("/a/b/key", "2");
+    const int before = g_calls;
+    pollfd ready{watch.get_fd(), POLLIN, 0};
+    EXPECT_TRUE(::poll(&ready, 1, 1000) == 1 && watch.read_notifications());
+    EXPECT_EQ(g_calls - before, 1);
 }
 
 // Without /proc the watch goes on without the mount table, and says so once.

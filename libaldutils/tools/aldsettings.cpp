@@ -103,10 +103,13 @@ int set(const std::string& key, const std::string& value) {
     const int err = errno;
     if (err == EISDIR) return fail(kFailed, key, "is a directory key, it cannot hold a value");
     if (err == EINVAL) return fail(kUsage, key, "names starting with \".set-\" are the store's temporary files");
-    // Not a directory on the way: a key in the store, or the store's own path.
+    // Not a directory on the way: where links lead, a key in the store, or
+    // the store's own path.
+    const std::string target = link_target(key);
+    if (err == ENOTDIR && !target.empty())
+        return fail(kFailed, key, "leads through symbolic links to " + target + ", where a directory is needed");
     if (err == ENOTDIR && ald::setMgmt::init(false) == 0) return fail(kFailed, key, "a parent key holds a value");
     // A link into storage that is not there (not mounted?).
-    const std::string target = link_target(key);
     if (err == ENOENT && !target.empty())
         return fail(kFailed, key, "leads through symbolic links to " + target + ", whose directory does not exist");
     errno = err;

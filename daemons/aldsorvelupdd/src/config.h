@@ -16,7 +16,8 @@ ald::path config_directory();
 // directory, flushed, renamed over it, the directory flushed. On false the
 // old file is as it was (or, when only the last flush failed, the new one
 // is in place but may not survive a power cut) and no temporary file is
-// left. Each failed step logs its line.
+// left. Each failed step logs its line, but for a temporary file that
+// cannot be made, which fails with no line.
 bool write_config(const json_ptr& document);
 
 // Removes the temporary copies of updater.conf and of the status file that

@@ -171,7 +171,9 @@ public:
 
     // The watch's descriptor (an epoll set; non-blocking, close-on-exec),
     // readable while a notification is pending, created on first use and
-    // again after read_notifications() gave it up. No system call is made
+    // again after read_notifications() gave it up; one made again owes a
+    // handler call, which its first read_notifications() makes, since the
+    // key may have changed while there was none. No system call is made
     // while the watch holds one. -1 with errno on failure (EINVAL for an
     // invalid key; ENOSPC or EMFILE at the kernel's limits) or after
     // cancel().
@@ -196,7 +198,7 @@ private:
     bool open();
     bool refresh();
     bool place(const Resolution& way);
-    void read_events(bool& resolve, bool& touched);
+    void read_events(bool& resolve, bool& touched, bool& lost);
     // Closes what the watch holds besides fd_.
     void close_inner();
 
@@ -205,9 +207,13 @@ private:
     bool cancelled_ = false;
     int fd_ = -1;       // the epoll set the caller waits on
     int inotify_ = -1;
+    int event_ = -1;                        // eventfd: the mount table changed, or a call is owed
     detail::MountTable* mounts_ = nullptr;  // none without /proc
     Resolution way_;                        // as watched
     std::vector<int> wds_;                  // the watch on each step's directory; -1 none
+    int file_wd_ = -1;                      // the watch on the key's file itself
+    bool made_ = false;                     // a descriptor was made before
+    bool owed_ = false;                     // a handler call is owed to a watch made again
 };
 
 }  // namespace setMgmt
