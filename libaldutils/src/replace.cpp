@@ -76,11 +76,8 @@ replace_result replace_in(int dir_fd, const std::string& at, const path& dir, ba
     }
     if (!options.durable) return r;
     // The rename is done: whatever happens now, the temporary name is gone.
-    if (dir_fd != AT_FDCWD) return detail::flush(dir_fd) == 0 ? r : failed(r, replace_step::flush_directory, errno);
-    const int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd < 0 || detail::flush(dfd) != 0) failed(r, replace_step::flush_directory, errno);
-    if (dfd >= 0) ::close(dfd);
-    return r;
+    const int flushed = dir_fd != AT_FDCWD ? detail::flush(dir_fd) : dir.sync();
+    return flushed == 0 ? r : failed(r, replace_step::flush_directory, errno);
 }
 
 }  // namespace
@@ -100,10 +97,8 @@ replace_result replace_file_at(int dir_fd, const path& dir, basic_string_view<ch
     return replace_in(dir_fd, "", dir, name, fill, options);
 }
 
-replace_result replace_file_at(int dir_fd, const path& dir, basic_string_view<char> name,
-                               basic_string_view<char> content, const replace_options& options) {
-    return replace_in(dir_fd, "", dir, name, [content](int fd, const char*) { return write_all(fd, content); },
-                      options);
+replace_writer text_writer(basic_string_view<char> text) {
+    return [text](int fd, const char*) { return write_all(fd, text); };
 }
 
 }  // namespace ald

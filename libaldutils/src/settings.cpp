@@ -296,7 +296,7 @@ int setKey(const std::string& key, const std::string& value) {
     replace_options options;
     options.prefix = kTempPrefix;
     options.keep_mode = true;
-    const replace_result done = replace_file_at(dir_fd, path(dir), name, text, options);
+    const replace_result done = replace_file_at(dir_fd, path(dir), name, text_writer(text), options);
     ::close(dir_fd);
     errno = done.error;
     return done ? 0 : -1;

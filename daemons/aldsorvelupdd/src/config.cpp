@@ -7,7 +7,6 @@
 #include "supervision.h"
 
 #include <ald/error.h>
-#include <ald/memstream.h>
 #include <ald/replace.h>
 #include <ald/settings.h>
 
@@ -26,13 +25,7 @@ constexpr char kOutputFileName[] = "sorvelupd.out_err.log";
 
 }  // namespace
 
-ald::path config_directory() {
-    ald::path path;
-    ald::memstream dir;
-    ald::detail::print_common_path(dir, static_cast<ald::common_path>(2));
-    path.add_piece(true, dir.terminated_view());
-    return path;
-}
+ald::path config_directory() { return common_directory(static_cast<ald::common_path>(2)); }
 
 bool write_config(const json_ptr& document) {
     static const ald::path directory = config_directory();
@@ -69,9 +62,7 @@ bool write_config(const json_ptr& document) {
 }
 
 void remove_stale_copies() {
-    ald::memstream run;
-    ald::detail::print_common_path(run, ald::common_path::system_runtime);
-    const ald::path directories[] = {config_directory(), ald::path(run.terminated_view())};
+    const ald::path directories[] = {config_directory(), common_directory(ald::common_path::system_runtime)};
     int removed = 0;
     for (const ald::path& dir : directories) removed += std::max(dir.remove_temp_files(kTempPrefix), 0);
     if (removed > 0) ALD_LOG(info, "removed %d temporary files left by an earlier daemon", removed);

@@ -3,6 +3,16 @@
 
 #include "config.h"
 
+#include <ald/memstream.h>
+
+ald::path common_directory(ald::common_path which) {
+    ald::path path;
+    ald::memstream dir;
+    ald::detail::print_common_path(dir, which);
+    path.add_piece(true, dir.terminated_view());
+    return path;
+}
+
 namespace {
 
 // Runs during static initialisation, before main.

@@ -22,6 +22,9 @@ extern int lan_pipe[2];                          // wakes the loop after a LAN c
 extern int last_aur_enabled;                     // last value written as aur_enabled; -1 none
 extern bool aur_write_owed;                      // a write of aur_enabled failed: write the next value, whatever it is
 
+// A well-known directory of the platform's, as an ald::path.
+ald::path common_directory(ald::common_path which);
+
 // What the daemon's temporary copies of updater.conf and of its status file
 // are named with, before eight random characters: its own, so that it
 // removes its own stale copies and nobody else's.

@@ -3,14 +3,11 @@
 
 #include "state.h"
 
-#include <ald/memstream.h>
 #include <ald/path.h>
 #include <ald/replace.h>
 #include <ald/version.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <string>
 #include <sys/wait.h>
@@ -47,11 +44,7 @@ json_int_t uptime() {
 // The system's runtime directory, where whoever looks after the device
 // finds the status of each daemon.
 const ald::path& directory() {
-    static const ald::path dir = [] {
-        ald::memstream text;
-        ald::detail::print_common_path(text, ald::common_path::system_runtime);
-        return ald::path(text.terminated_view());
-    }();
+    static const ald::path dir = common_directory(ald::common_path::system_runtime);
     return dir;
 }
 
@@ -99,14 +92,7 @@ void write_status() {
     ald::replace_options options;
     options.prefix = kTempPrefix;
     options.durable = false;
-    ald::replace_file(directory(), kFileName, [text](int fd, const char*) {
-        for (std::size_t done = 0, size = std::strlen(text); done < size;) {
-            const ssize_t n = ::write(fd, text + done, size - done);
-            if (n < 0 && errno != EINTR) return false;
-            done += n > 0 ? static_cast<std::size_t>(n) : 0;
-        }
-        return true;
-    }, options);
+    ald::replace_file(directory(), kFileName, ald::text_writer(text), options);
     std::free(text);
 }
 

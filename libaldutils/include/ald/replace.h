@@ -47,6 +47,9 @@ struct replace_result {
 // with errno set.
 using replace_writer = std::function<bool(int fd, const char* temp)>;
 
+// A writer that writes `text`, which must outlive it, whole.
+replace_writer text_writer(basic_string_view<char> text);
+
 // Replaces the file `name` in the directory `dir` with what `fill` writes.
 // The temporary file is made mode 0600, so that nobody may open it who may
 // not read the result, and gets the new file's mode before it is flushed.
@@ -61,8 +64,5 @@ replace_result replace_file(const path& dir, basic_string_view<char> name, const
 // in that one and no other.
 replace_result replace_file_at(int dir_fd, const path& dir, basic_string_view<char> name,
                                const replace_writer& fill, const replace_options& options = {});
-// The same with `content` as the new file's content.
-replace_result replace_file_at(int dir_fd, const path& dir, basic_string_view<char> name,
-                               basic_string_view<char> content, const replace_options& options = {});
 
 }  // namespace ald
