@@ -16,9 +16,11 @@
 #include <fstream>
 #include <poll.h>
 #include <sched.h>
+#include <linux/capability.h>
 #include <sys/epoll.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -109,18 +111,20 @@ TEST_F(Store, ASetKeepsTheModeAndOwnerOfWhatItReplaces) {
     put("/private", "1"), fs::permissions(store + "/private", fs::perms(0600)), ::chown((store + "/private").c_str(), 1234, 1234);
     std::ofstream(persist + "/v") << "1", fs::permissions(persist + "/v", fs::perms(0640)), ::chown((persist + "/v").c_str(), 1234, 5678);
     fs::create_symlink(persist + "/v", store + "/linked");
-    fs::create_directories(store + "/nobody"), ::chown((store + "/nobody").c_str(), 65534, 65534);
-    put("/nobody/k", "1"), fs::permissions(store + "/nobody/k", fs::perms(0600));
+    put("/other", "1"), fs::permissions(store + "/other", fs::perms(0600)), ::chown((store + "/other").c_str(), 1234, 1234);
     const struct {
         const char *key, *file;
-        bool as_nobody;
+        bool may_not_chown;  // a root without CAP_CHOWN, as any other user is
         unsigned mode, uid, gid;
     } sets[] = {{"/private", "/private", false, 0600, 1234, 1234}, {"/linked", "/../../../persist/v", false, 0640, 1234, 5678},
-                {"/new", "/new", false, 0640, 0, 0}, {"/nobody/k", "/nobody/k", true, 0600, 65534, 65534}};
+                {"/new", "/new", false, 0640, 0, 0}, {"/other", "/other", true, 0600, 0, 0}};
     for (const auto& set : sets) {
         const int status = in_child([&set] {
             ::umask(027);
-            return (!set.as_nobody || (::setgid(65534) == 0 && ::setuid(65534) == 0)) && sm::setKey(set.key, "2") == 0 ? 0 : 1;
+            __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
+            __user_cap_data_struct caps[2]{};
+            caps[0].effective = ::syscall(SYS_capget, &head, caps) == 0 && set.may_not_chown ? caps[0].effective & ~(1u << CAP_CHOWN) : caps[0].effective;
+            return (!set.may_not_chown || ::syscall(SYS_capset, &head, caps) == 0) && sm::setKey(set.key, "2") == 0 ? 0 : 1;
         }).status;
         struct stat st {};
         ::stat((store + set.file).c_str(), &st);
